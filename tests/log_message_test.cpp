@@ -83,7 +83,8 @@ TEST_F(LogMessageTest, LineIsHeaderAndScrambledText) {
     dv::LogMessage(2, u"Opening port '%s' at %u baud\r\n", u"COM1", 10400u);
     ASSERT_EQ(gRaw.size(), 1u);
     EXPECT_EQ(gRaw[0], Scrambled(300, u"Opening port 'COM1' at 10400 baud\r\n"));
-    EXPECT_EQ(dvtest::LogCalls(), std::vector<std::string>{"\r\nOpening port 'COM1' at 10400 baud\r\n"});
+    EXPECT_EQ(dvtest::LogCalls(),
+              std::vector<std::string>{"\r\nOpening port 'COM1' at 10400 baud\r\n"});
 }
 
 // Header digits worked by hand: k = 0 gives 00 00; k = 1 gives 00 01; k = 511 (0x01, 0xFF) gives
@@ -134,7 +135,8 @@ TEST_F(LogMessageTest, CharacterAboveFFLosesItsHighByte) {
     dv::LogMessage(1, u"x\u00ACy");
     ASSERT_EQ(gRaw.size(), 2u);
     EXPECT_EQ(gRaw[0], gRaw[1]);
-    EXPECT_EQ(dvtest::LogCalls()[0], "\r\nx\xAC" "y");
+    EXPECT_EQ(dvtest::LogCalls()[0], "\r\nx\xAC"
+                                     "y");
 }
 
 TEST_F(LogMessageTest, KeyIndex511FromRand32767AndWrapToZero) {
@@ -252,8 +254,8 @@ TEST_F(LogMessageTest, BufferIsReusedBySectionAfterSection) {
         ASSERT_EQ(dv::ExchangeBegin(), 0u);
         dv::LogMessage(1, u"round %u\r\n", round);
         dv::ExchangeEnd();
-        EXPECT_EQ(dvtest::LogCalls(), std::vector<std::string>{"\r\nround " +
-                                                               std::to_string(round) + "\r\n"});
+        EXPECT_EQ(dvtest::LogCalls(),
+                  std::vector<std::string>{"\r\nround " + std::to_string(round) + "\r\n"});
     }
 }
 
@@ -295,7 +297,7 @@ TEST(LogMessageThrowing, BufferedCallbackExceptionIsCaughtAndSectionEnds) {
     EXPECT_NO_THROW(dv::ExchangeEnd());
     EXPECT_EQ(gThrows, 1);
     EXPECT_EQ(Fake().priority, 251); // restored before the flush
-    dv::LogMessage(1, u"after\r\n");  // the buffering flag was cleared: delivered at once
+    dv::LogMessage(1, u"after\r\n"); // the buffering flag was cleared: delivered at once
     EXPECT_EQ(gThrows, 2);
     EXPECT_EQ(dvtest::LogCalls(), (std::vector<std::string>{"\r\nbuffered\r\n", "\r\nafter\r\n"}));
     DvDestruct();
@@ -320,7 +322,9 @@ TEST_F(LogMessageTest, TimestampInALine) {
     EXPECT_EQ(dvtest::LogCalls(), std::vector<std::string>{"\r\n@ 250.0: wrote '55'\r\n"});
 }
 
-TEST(LogHexText, NoBytes) { EXPECT_EQ(std::u16string(dv::HexText(nullptr, 0)), u"''"); }
+TEST(LogHexText, NoBytes) {
+    EXPECT_EQ(std::u16string(dv::HexText(nullptr, 0)), u"''");
+}
 
 TEST(LogHexText, FewBytes) {
     const uint8_t bytes[] = {0x01, 0xAB, 0xF0};
