@@ -6,6 +6,7 @@
 #pragma once
 
 #include <cstdint>
+#include <string_view>
 
 namespace dv::bench {
 
@@ -21,6 +22,11 @@ public:
     virtual void CancelTimer() = 0;
     // Counter ticks per millisecond of the bench clock.
     virtual int64_t TicksPerMs() const = 0;
+    // Writes a line about the ECU's state (address decoded, link dropped) into the bench trace.
+    virtual void Note(int64_t at, std::string_view text) {
+        (void)at;
+        (void)text;
+    }
 };
 
 // An emulated ECU (KW1281 or KWP2000), driven by the bench.
