@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <string>
 
 #include "platform/platform.h"
 
@@ -19,6 +20,8 @@ int32_t GetThreadPriority();
 bool SetThreadPriority(int32_t priority);
 
 // Serial port.
+// The device path of a port name (see the ABI's port names), in UTF-8.
+std::string PortDevicePath(const char16_t *name);
 PortHandle PortOpen(const char16_t *name);
 bool PortGetState(PortHandle port, CommState *state);
 bool PortSetState(PortHandle port, const CommState *state);

@@ -219,12 +219,16 @@ int64_t Deadline(int64_t from, uint64_t ms) {
 
 } // namespace
 
+std::string PortDevicePath(const char16_t *name) {
+    return DevicePath(Utf8(name));
+}
+
 PortHandle PortOpen(const char16_t *name) {
     if (name == nullptr) {
         Fail(EINVAL);
         return kInvalidPort;
     }
-    const std::string path = DevicePath(Utf8(name));
+    const std::string path = PortDevicePath(name);
     const int fd = open(path.c_str(), O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC);
     if (fd < 0) {
         FailErrno();

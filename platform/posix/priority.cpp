@@ -1,8 +1,9 @@
 // Thread priority on the 256-level scale of Windows CE (0 most urgent, 251 normal).
 //
 // Levels 0..247 are the real-time band: SCHED_FIFO, mapped linearly onto the FIFO priorities
-// (0 -> the highest, 247 -> the lowest). Levels 248..255 are the time-shared band: SCHED_OTHER;
-// the level itself is remembered per thread so that it reads back as it was set. Where the
+// (0 -> the highest, 247 -> the lowest). Levels 248..255 are the time-shared band: SCHED_OTHER.
+// The FIFO scale is coarser than the real-time band, so the level set is remembered per thread
+// and read back as long as the thread's scheduling is still what that level made it. Where the
 // process may not use SCHED_FIFO (EPERM) the thread keeps its priority and the call succeeds:
 // timing is then best effort, as the spec's caller cannot do anything else about it.
 #include <cerrno>
@@ -17,7 +18,7 @@ constexpr int32_t kLowestRealTime = 247;
 constexpr int32_t kNormal = 251;
 constexpr int32_t kLowest = 255;
 
-thread_local int32_t tSharedLevel = kNormal;
+thread_local int32_t tLevel = kNormal;
 
 int FifoPriority(int32_t level) {
     const int low = sched_get_priority_min(SCHED_FIFO);
@@ -41,10 +42,14 @@ int32_t GetThreadPriority() {
         RecordError(error);
         return kPriorityError;
     }
-    if (policy == SCHED_FIFO || policy == SCHED_RR) {
+    const bool realTime = policy == SCHED_FIFO || policy == SCHED_RR;
+    if (realTime && tLevel <= kLowestRealTime && FifoPriority(tLevel) == param.sched_priority) {
+        return tLevel;
+    }
+    if (realTime) {
         return LevelOfFifo(param.sched_priority);
     }
-    return tSharedLevel;
+    return tLevel > kLowestRealTime ? tLevel : kNormal;
 }
 
 bool SetThreadPriority(int32_t priority) {
@@ -64,9 +69,7 @@ bool SetThreadPriority(int32_t priority) {
     if (error != 0) {
         return Fail(error);
     }
-    if (policy == SCHED_OTHER) {
-        tSharedLevel = priority;
-    }
+    tLevel = priority;
     return true;
 }
 
