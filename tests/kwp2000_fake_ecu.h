@@ -63,13 +63,14 @@ inline std::string Hex(const Bytes &bytes) {
 
 class FakeKwpEcu {
 public:
-    std::deque<Reply> replies;       // one per request, in order; silence when none is left
-    std::vector<Bytes> requests;     // every complete request seen
+    std::deque<Reply> replies;        // one per request, in order; silence when none is left
+    std::vector<Bytes> requests;      // every complete request seen
     std::vector<int64_t> requestEnds; // virtual tick of each request's last byte
     // Slow init: the answer to the inverted key byte 2, put on the line after this many ms.
     std::optional<uint8_t> addressAnswer;
     int64_t addressAnswerAfterMs = 30;
-    int singleBytes = 0; // single bytes written outside a frame (the inverted key byte 2)
+    int addressAnswerSkips = 0; // inverted key bytes 2 left unanswered before the answer
+    int singleBytes = 0;        // single bytes written outside a frame (inverted key byte 2)
 
     void Install() {
         Fake().onWrite = [this](FakeLine &line, const Bytes &bytes) { OnWrite(line, bytes); };
@@ -85,10 +86,12 @@ private:
     Bytes pending_;
 
     void OnWrite(FakeLine &line, const Bytes &bytes) {
-        if (pending_.empty() && bytes.size() == 1 && addressAnswer && (bytes[0] & 0x80) == 0) {
+        if (pending_.empty() && bytes.size() == 1 && (bytes[0] & 0x80) == 0) {
             ++singleBytes;
-            Put(line, line.now + addressAnswerAfterMs * kFakeTicksPerMs, {*addressAnswer});
-            addressAnswer.reset();
+            if (addressAnswer && addressAnswerSkips-- <= 0) {
+                Put(line, line.now + addressAnswerAfterMs * kFakeTicksPerMs, {*addressAnswer});
+                addressAnswer.reset();
+            }
             return;
         }
         pending_.insert(pending_.end(), bytes.begin(), bytes.end());

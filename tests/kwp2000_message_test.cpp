@@ -47,8 +47,8 @@ protected:
     uint32_t Exchange(const Bytes &request, Bytes *answer) {
         uint32_t length = 0;
         uint8_t *data = nullptr;
-        const uint32_t result = dv::IsoExchange(static_cast<uint32_t>(request.size()),
-                                                request.data(), &length, &data);
+        const uint32_t result =
+            dv::IsoExchange(static_cast<uint32_t>(request.size()), request.data(), &length, &data);
         if (result == 0) {
             answer->assign(data, data + length);
         }
@@ -202,8 +202,8 @@ TEST_F(KwpMessageTest, AnswerWithLengthByteIsAccepted) {
 }
 
 TEST_F(KwpMessageTest, TwoPositiveMessagesAreJoinedInOneChunk) {
-    ecu.replies.push_back({{25, Concat(EcuMessage({0x61, 0x01, 0xAA}),
-                                       EcuMessage({0x61, 0x01, 0xBB}))}});
+    ecu.replies.push_back(
+        {{25, Concat(EcuMessage({0x61, 0x01, 0xAA}), EcuMessage({0x61, 0x01, 0xBB}))}});
     Bytes answer;
     EXPECT_EQ(Exchange({0x21, 0x01}, &answer), 0u);
     EXPECT_EQ(Hex(answer), "61 01 AA 01 BB");
@@ -290,9 +290,8 @@ INSTANTIATE_TEST_SUITE_P(
                   {0x81, 0xF2, 0x10, 0x7E, 0xE1},
                   "Bad ECU target address : 'F2' vs 'F1'"},
         BadAnswer{"BlockSize", {0x85, 0xF1, 0x10, 0x61, 0x01, 0xE8}, "Bad ECU block size : '05'"},
-        BadAnswer{"Checksum",
-                  {0x81, 0xF1, 0x10, 0x7E, 0x01},
-                  "Bad ECU message checksum : '01' vs '00'"}),
+        BadAnswer{
+            "Checksum", {0x81, 0xF1, 0x10, 0x7E, 0x01}, "Bad ECU message checksum : '01' vs '00'"}),
     [](const ::testing::TestParamInfo<BadAnswer> &info) { return info.param.name; });
 
 TEST_F(KwpMessageTest, BadChunkAfterAGoodMessageDropsTheCollectedData) {
