@@ -147,6 +147,7 @@ public:
     // Counts since the ECU was made.
     int BlocksReceived() const { return blocksReceived_; }
     int BlocksSent() const { return blocksSent_; }
+    int ComplementsSent() const { return complementsSent_; }
     int LinksUp() const { return linksUp_; }
     int LinksDropped() const { return linksDropped_; }
     uint8_t LastAddress() const { return lastAddress_; } // the last address decoded
