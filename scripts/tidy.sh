@@ -1,0 +1,9 @@
+#!/usr/bin/env bash
+# Runs clang-tidy (.clang-tidy) over the library and tool sources with the build's
+# compile_commands.json. Usage: scripts/tidy.sh BUILD_DIR
+set -euo pipefail
+cd "$(dirname "$0")/.."
+build=${1:-build}
+files=$(git ls-files 'frame/*.cpp' 'serial/*.cpp' 'kw1281/*.cpp' 'kwp2000/*.cpp' 'platform/*.cpp' \
+    'platform/posix/*.cpp' 'bench/*.cpp' 'tools/*.cpp')
+printf '%s\n' $files | xargs -P "$(nproc)" -n 4 clang-tidy -p "$build" --quiet --warnings-as-errors='*' 2>/dev/null
