@@ -5,5 +5,5 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 bash scripts/install-deps.sh
 cmake -S . -B build -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DDV_BUILD_TESTS=OFF >/dev/null
-cmake --build build --target dravelin
+cmake --build build --target dravelin_tool
 ./build/tools/dravelin scan "$@"
