@@ -5,7 +5,7 @@
 
 #include "frame/frame.h"
 #include "kwp2000/kwp2000.h"
-#include "kwp2000_service_fixture.h"
+#include "kwp2000_fake_ecu.h"
 #include "serial/serial.h"
 #include "support/log_capture.h"
 
