@@ -47,10 +47,6 @@ uint32_t CheckServiceId(const IsoAnswer &answer, uint8_t serviceId) {
 
 } // namespace
 
-bool IsoSimulatedLink() {
-    return IsoLinkState().targetAddress == kIsoSimulatedTarget;
-}
-
 IsoAnswer::~IsoAnswer() {
     if (held_) {
         IsoReleaseResponseBuffer();

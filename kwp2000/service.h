@@ -10,12 +10,6 @@
 
 namespace dv {
 
-// The simulated link's target address (module 0x80): services answer without the line.
-constexpr uint8_t kIsoSimulatedTarget = 0xFF;
-
-// True when the link in force is the simulated one.
-bool IsoSimulatedLink();
-
 // The answer of one service exchange. It holds the response buffer of the link layer (Part 5.1)
 // and releases it when it goes out of scope, so that both buffers are released on every answered
 // path. Bytes past the end of the answer read as 0 and are reported missing by Has, so that no

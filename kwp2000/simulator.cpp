@@ -7,13 +7,12 @@
 #include <string>
 
 #include "frame/frame.h"
+#include "kwp2000/kwp2000.h"
 #include "kwp2000/service.h"
 
 namespace dv {
 
 namespace {
-
-IsoSimulatorState gSimulator;
 
 constexpr uint32_t kNotAvailable = 0x111;
 constexpr uint16_t kSet1Code = 0x020A;
@@ -63,14 +62,6 @@ bool InGroup(bool byGroup, uint32_t group, uint16_t code) {
 
 } // namespace
 
-void IsoSimulatorReset() {
-    gSimulator = IsoSimulatorState{};
-}
-
-const IsoSimulatorState &IsoSimulatorCurrent() {
-    return gSimulator;
-}
-
 uint32_t IsoSimulateService() {
     SleepMs(100);
     return 0;
@@ -104,16 +95,17 @@ uint32_t IsoSimulateReadCapabilities(uint32_t *mask) {
 
 uint32_t IsoSimulateReadDtcByStatus(uint32_t status, bool byGroup, uint32_t group, uint32_t *count,
                                     DtcEntry **entries) {
+    const VagIsoSimulator &simulator = VagIsoSimulatorState();
     SleepMs(100);
     // Room for both sets, also when none is reported.
     auto *array = static_cast<DtcEntry *>(std::malloc(2 * sizeof(DtcEntry)));
     uint32_t n = 0;
     if (status == 0 || status == 1) {
-        if (gSimulator.set1Present && InGroup(byGroup, group, kSet1Code)) {
+        if (simulator.dtcSet1 && InGroup(byGroup, group, kSet1Code)) {
             array[n] = DtcEntry{n, kSet1Code, kSet1Status};
             ++n;
         }
-        if (gSimulator.set2Present && InGroup(byGroup, group, kSet2Code)) {
+        if (simulator.dtcSet2 && InGroup(byGroup, group, kSet2Code)) {
             array[n] = DtcEntry{n, kSet2Code, kSet2Status};
             ++n;
         }
@@ -124,18 +116,20 @@ uint32_t IsoSimulateReadDtcByStatus(uint32_t status, bool byGroup, uint32_t grou
 }
 
 uint32_t IsoSimulateClearDtcGroup(uint32_t group) {
+    VagIsoSimulator &simulator = VagIsoSimulatorState();
     if (group == 0 || group == kSet1Code) {
-        gSimulator.set1Present = false;
+        simulator.dtcSet1 = false;
     }
     if (group == 0 || group == kSet2Code) {
-        gSimulator.set2Present = false;
+        simulator.dtcSet2 = false;
     }
     SleepMs(100);
     return 0;
 }
 
 uint32_t IsoSimulateReadFreezeFrame(uint32_t code, uint32_t *count, MeasuringValue **values) {
-    if (code != kSet2Code || !gSimulator.set2Present) {
+    const VagIsoSimulator &simulator = VagIsoSimulatorState();
+    if (code != kSet2Code || !simulator.dtcSet2) {
         SleepMs(100);
         return kNotAvailable;
     }
@@ -157,37 +151,39 @@ uint32_t IsoSimulateReadDataByLocalId(uint32_t localId, uint32_t *count, Measuri
 }
 
 uint32_t IsoSimulateTestActuator(uint32_t next) {
+    VagIsoSimulator &simulator = VagIsoSimulatorState();
     if (next == 0) {
-        gSimulator.actuator = kFirstActuator;
-        gSimulator.stepFlag = 0;
+        simulator.actuator = kFirstActuator;
+        simulator.stepFlag = 0;
         SleepMs(100);
         return 0;
     }
     SleepMs(100);
-    if (gSimulator.stepFlag == 0) {
-        if (gSimulator.actuator == 0) {
+    if (simulator.stepFlag == 0) {
+        if (simulator.actuator == 0) {
             return kNotAvailable;
         }
-        gSimulator.stepFlag = 1;
+        simulator.stepFlag = 1;
         return 0;
     }
-    gSimulator.actuator = gSimulator.actuator == kFirstActuator ? kSecondActuator : 0;
-    gSimulator.stepFlag = 0;
+    simulator.actuator = simulator.actuator == kFirstActuator ? kSecondActuator : 0;
+    simulator.stepFlag = 0;
     return 0;
 }
 
 uint32_t IsoSimulateReadActuatorData(uint32_t *count, MeasuringValue **values) {
-    if (gSimulator.stepFlag == 0) {
+    const VagIsoSimulator &simulator = VagIsoSimulatorState();
+    if (simulator.stepFlag == 0) {
         SleepMs(100);
         // Always a new array, as the simulated ECU of the design does: the host passes its
         // previous array back only for the actuator's four values.
         auto *array = IsoAllocateRecords<MeasuringValue>(1);
-        array[0] = MeasuringValue{0, gSimulator.actuator, nullptr};
+        array[0] = MeasuringValue{0, simulator.actuator, nullptr};
         *count = 1;
         *values = array;
         return 0;
     }
-    if (gSimulator.actuator != kFirstActuator) {
+    if (simulator.actuator != kFirstActuator) {
         SleepMs(100);
         return kNotAvailable;
     }

@@ -1,5 +1,6 @@
 // The simulated KWP2000 link (target 0xFF, module 0x80): the answers of every service without
-// the line, and the simulator's fault memory (Part 6.2) and actuator test state (Part 6.3).
+// the line. They read and change the simulator state of Parts 6.2 and 6.3 (VagIsoSimulator in
+// kwp2000.h, reset by DvVagIsoStartCommunication for module 0x80).
 #pragma once
 
 #include <cstdint>
@@ -7,19 +8,6 @@
 #include "dravelin/dravelin.h"
 
 namespace dv {
-
-// The simulator's state as the tests see it.
-struct IsoSimulatorState {
-    bool set1Present = true; // code 0x020A, status 10
-    bool set2Present = true; // code 0x0206, status 8
-    uint16_t actuator = 0;   // actuator under test: 0 none, 1262, 1264
-    uint8_t stepFlag = 0;
-};
-
-// Both fault-code sets present, no actuator under test; called by DvVagIsoStartCommunication
-// for module 0x80 (Part 5.2 step 4).
-void IsoSimulatorReset();
-const IsoSimulatorState &IsoSimulatorCurrent();
 
 // Part 5.3 step 1: every service without data of its own sleeps 100 ms and succeeds.
 uint32_t IsoSimulateService();

@@ -37,7 +37,7 @@ uint32_t SendTesterPresentUnanswered() {
     request[1] = 0x02;
     const uint32_t result = IsoSendRequest(2, request);
     const IsoLink &link = IsoLinkState();
-    DelayMs(result == 0 ? link.P3min - link.P4max : link.P3min);
+    DelayMs(result == 0 ? IsoMsLess(link.timing.P3min, link.timing.P4max) : link.timing.P3min);
     ExchangeEnd();
     IsoReleaseRequestBuffer();
     return result;
@@ -46,7 +46,7 @@ uint32_t SendTesterPresentUnanswered() {
 } // namespace
 
 uint32_t IsoStartSession(uint8_t mode) {
-    if (IsoSimulatedLink()) {
+    if (IsoIsSimulated()) {
         return IsoSimulateService();
     }
     IsoAnswer answer;
@@ -72,7 +72,7 @@ DV_API uint32_t DV_CALL DvIsoStartDiagnosticSession(uint32_t mode) {
 }
 
 DV_API uint32_t DV_CALL DvIsoStopDiagnosticSession(void) {
-    if (IsoSimulatedLink()) {
+    if (IsoIsSimulated()) {
         return IsoSimulateService();
     }
     IsoAnswer answer;
@@ -84,7 +84,7 @@ DV_API uint32_t DV_CALL DvIsoStopDiagnosticSession(void) {
 }
 
 DV_API uint32_t DV_CALL DvIsoTesterPresent(void) {
-    if (IsoSimulatedLink()) {
+    if (IsoIsSimulated()) {
         return IsoSimulateService();
     }
     IsoAnswer answer;
@@ -92,7 +92,7 @@ DV_API uint32_t DV_CALL DvIsoTesterPresent(void) {
 }
 
 DV_API uint32_t DV_CALL DvIsoTesterPresentExtended(uint32_t responseRequired) {
-    if (IsoSimulatedLink()) {
+    if (IsoIsSimulated()) {
         return IsoSimulateService();
     }
     if (responseRequired == 0) {
@@ -106,7 +106,7 @@ DV_API uint32_t DV_CALL DvIsoReadDtc(uint32_t *count, uint16_t **codes) {
     if (count == nullptr || codes == nullptr) {
         return kBadArgument;
     }
-    if (IsoSimulatedLink()) {
+    if (IsoIsSimulated()) {
         return IsoSimulateReadDtc(count, codes);
     }
     IsoAnswer answer;
@@ -126,7 +126,7 @@ DV_API uint32_t DV_CALL DvIsoReadDtc(uint32_t *count, uint16_t **codes) {
 }
 
 DV_API uint32_t DV_CALL DvIsoClearDiagnosticInformation(void) {
-    if (IsoSimulatedLink()) {
+    if (IsoIsSimulated()) {
         return IsoSimulateService();
     }
     IsoAnswer answer;

@@ -4,6 +4,7 @@
 
 #include "frame/frame.h"
 #include "kw1281/measuring_values.h"
+#include "kwp2000/kwp2000.h"
 #include "kwp2000/service.h"
 #include "kwp2000/simulator.h"
 
@@ -78,7 +79,7 @@ DV_API uint32_t DV_CALL DvVagIsoReadDataByLocalId(uint32_t localId, uint32_t *co
     if (count == nullptr || values == nullptr) {
         return kBadArgument;
     }
-    if (IsoSimulatedLink()) {
+    if (IsoIsSimulated()) {
         return IsoSimulateReadDataByLocalId(localId, count, values);
     }
     const auto id = static_cast<uint8_t>(localId);
@@ -94,7 +95,7 @@ DV_API uint32_t DV_CALL DvVagIsoReadDataByLocalId(uint32_t localId, uint32_t *co
 }
 
 DV_API uint32_t DV_CALL DvVagIsoTestActuator(uint32_t next) {
-    if (IsoSimulatedLink()) {
+    if (IsoIsSimulated()) {
         return IsoSimulateTestActuator(next);
     }
     const uint8_t routine = next == 0 ? kStartActuatorTest : kNextActuatorStep;
@@ -110,7 +111,7 @@ DV_API uint32_t DV_CALL DvVagIsoReadActuatorData(uint32_t *count, MeasuringValue
     if (count == nullptr || values == nullptr) {
         return kBadArgument;
     }
-    if (IsoSimulatedLink()) {
+    if (IsoIsSimulated()) {
         return IsoSimulateReadActuatorData(count, values);
     }
     IsoAnswer answer;

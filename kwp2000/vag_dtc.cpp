@@ -5,6 +5,7 @@
 
 #include "frame/frame.h"
 #include "kw1281/measuring_values.h"
+#include "kwp2000/kwp2000.h"
 #include "kwp2000/service.h"
 #include "kwp2000/simulator.h"
 
@@ -76,7 +77,7 @@ DV_API uint32_t DV_CALL DvVagIsoReadDtcByStatus(uint32_t status, uint32_t *count
     if (count == nullptr || entries == nullptr) {
         return kBadArgument;
     }
-    if (IsoSimulatedLink()) {
+    if (IsoIsSimulated()) {
         return IsoSimulateReadDtcByStatus(status, false, 0, count, entries);
     }
     return ReadDtcByStatus({0x18, StatusSelectorOf(status)}, count, entries);
@@ -87,7 +88,7 @@ DV_API uint32_t DV_CALL DvVagIsoReadDtcByStatusExtended(uint32_t status, uint32_
     if (count == nullptr || entries == nullptr) {
         return kBadArgument;
     }
-    if (IsoSimulatedLink()) {
+    if (IsoIsSimulated()) {
         return IsoSimulateReadDtcByStatus(status, true, group, count, entries);
     }
     return ReadDtcByStatus({0x18, StatusSelectorOf(status), GroupHigh(group), GroupLow(group)},
@@ -95,7 +96,7 @@ DV_API uint32_t DV_CALL DvVagIsoReadDtcByStatusExtended(uint32_t status, uint32_
 }
 
 DV_API uint32_t DV_CALL DvVagIsoClearDiagnosticInformationExtended(uint32_t group) {
-    if (IsoSimulatedLink()) {
+    if (IsoIsSimulated()) {
         return IsoSimulateClearDtcGroup(group);
     }
     const uint8_t high = GroupHigh(group);
@@ -118,7 +119,7 @@ DV_API uint32_t DV_CALL DvVagIsoReadFreezeFrameDataByDtc(uint32_t code, uint32_t
     if (count == nullptr || values == nullptr) {
         return kBadArgument;
     }
-    if (IsoSimulatedLink()) {
+    if (IsoIsSimulated()) {
         return IsoSimulateReadFreezeFrame(code, count, values);
     }
     IsoAnswer answer;

@@ -3,6 +3,7 @@
 #include <cstdlib>
 
 #include "frame/frame.h"
+#include "kwp2000/kwp2000.h"
 #include "kwp2000/service.h"
 #include "kwp2000/simulator.h"
 
@@ -66,7 +67,7 @@ DV_API uint32_t DV_CALL DvVagIsoReadEcuIdentificationGeneral(EcuIdentification *
     if (record == nullptr) {
         return kBadArgument;
     }
-    if (IsoSimulatedLink()) {
+    if (IsoIsSimulated()) {
         return IsoSimulateReadEcuIdentification(record);
     }
     IsoAnswer answer;
@@ -98,7 +99,7 @@ DV_API uint32_t DV_CALL DvVagIsoReadCapabilities(uint32_t *mask) {
     if (mask == nullptr) {
         return kBadArgument;
     }
-    if (IsoSimulatedLink()) {
+    if (IsoIsSimulated()) {
         return IsoSimulateReadCapabilities(mask);
     }
     IsoAnswer answer;

@@ -1,7 +1,7 @@
 // A KWP2000 ECU scripted on the fake platform, for the service suites: it hears the framed
 // requests the library writes (byte by byte, 10 ms apart), answers the fast initialisation's
 // StartCommunication with its key bytes, and answers service requests as the test says, with
-// framed messages on the fake port at ECU timing.
+// framed messages on the fake port at ECU timing. StopCommunication is always answered.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -123,6 +123,8 @@ private:
             if (answerStartCommunication) {
                 answers.push_back(Answer({0xC1, keyByte1, 0x8F}));
             }
+        } else if (data == Bytes{0x82}) {
+            answers.push_back(Answer({0xC2}));
         } else {
             answers = respond(data);
         }

@@ -11,11 +11,11 @@ namespace kwptest {
 namespace {
 
 using dv::IsoLinkState;
-using dv::IsoSimulatorCurrent;
+using dv::VagIsoSimulatorState;
 
-class VagIsoSimulator : public KwpFakeTest {
+class VagIsoSimulated : public KwpFakeTest {
 protected:
-    void StartSimulator(uint32_t mode = 1) {
+    void StartSimulated(uint32_t mode = 1) {
         uint32_t keepAlive = 0;
         ASSERT_EQ(DvVagIsoStartCommunication(u16("COM1"), mode, 0x80, &keepAlive), 0u);
         ASSERT_EQ(IsoLinkState().targetAddress, 0xFF);
@@ -53,15 +53,15 @@ protected:
     }
 };
 
-TEST_F(VagIsoSimulator, SlowAndFastStartsGiveTheSimulatedLink) {
-    StartSimulator(0);
+TEST_F(VagIsoSimulated, SlowAndFastStartsGiveTheSimulatedLink) {
+    StartSimulated(0);
     ExpectNoLine();
-    StartSimulator(1);
+    StartSimulated(1);
     ExpectNoLine();
 }
 
-TEST_F(VagIsoSimulator, StandardServicesSleep100AndSucceed) {
-    StartSimulator();
+TEST_F(VagIsoSimulated, StandardServicesSleep100AndSucceed) {
+    StartSimulated();
     EXPECT_EQ(Timed([] { EXPECT_EQ(DvIsoStartDiagnosticSession(1), 0u); }), 100);
     EXPECT_EQ(Timed([] { EXPECT_EQ(DvVagIsoStartDiagnosticSession(1), 0u); }), 100);
     EXPECT_EQ(Timed([] { EXPECT_EQ(DvIsoStopDiagnosticSession(), 0u); }), 100);
@@ -72,8 +72,8 @@ TEST_F(VagIsoSimulator, StandardServicesSleep100AndSucceed) {
     ExpectNoLine();
 }
 
-TEST_F(VagIsoSimulator, ReadDtcGivesTwoCodes) {
-    StartSimulator();
+TEST_F(VagIsoSimulated, ReadDtcGivesTwoCodes) {
+    StartSimulated();
     uint32_t count = 0;
     uint16_t *codes = nullptr;
     EXPECT_EQ(Timed([&] { EXPECT_EQ(DvIsoReadDtc(&count, &codes), 0u); }), 100);
@@ -84,8 +84,8 @@ TEST_F(VagIsoSimulator, ReadDtcGivesTwoCodes) {
     ExpectNoLine();
 }
 
-TEST_F(VagIsoSimulator, IdentificationAndCapabilities) {
-    StartSimulator();
+TEST_F(VagIsoSimulated, IdentificationAndCapabilities) {
+    StartSimulated();
     EcuIdentification record{};
     EXPECT_EQ(Timed([&] { EXPECT_EQ(DvVagIsoReadEcuIdentificationGeneral(&record), 0u); }), 200);
     EXPECT_EQ(Text(record.partNumber), u"8D0923512S");
@@ -104,8 +104,8 @@ TEST_F(VagIsoSimulator, IdentificationAndCapabilities) {
 // ---- fault memory
 // -----------------------------------------------------------------------------------
 
-TEST_F(VagIsoSimulator, ReadByStatusGivesBothSets) {
-    StartSimulator();
+TEST_F(VagIsoSimulated, ReadByStatusGivesBothSets) {
+    StartSimulated();
     for (uint32_t status : {0u, 1u}) {
         uint32_t count = 0;
         DtcEntry *entries = nullptr;
@@ -122,8 +122,8 @@ TEST_F(VagIsoSimulator, ReadByStatusGivesBothSets) {
     }
 }
 
-TEST_F(VagIsoSimulator, ReadByOtherStatusGivesAnEmptyArray) {
-    StartSimulator();
+TEST_F(VagIsoSimulated, ReadByOtherStatusGivesAnEmptyArray) {
+    StartSimulated();
     uint32_t count = 9;
     DtcEntry *entries = nullptr;
     EXPECT_EQ(DvVagIsoReadDtcByStatus(2, &count, &entries), 0u);
@@ -132,8 +132,8 @@ TEST_F(VagIsoSimulator, ReadByOtherStatusGivesAnEmptyArray) {
     DvFree(entries);
 }
 
-TEST_F(VagIsoSimulator, ReadByStatusAndGroup) {
-    StartSimulator();
+TEST_F(VagIsoSimulated, ReadByStatusAndGroup) {
+    StartSimulated();
     uint32_t count = 0;
     DtcEntry *entries = nullptr;
     EXPECT_EQ(
@@ -151,12 +151,12 @@ TEST_F(VagIsoSimulator, ReadByStatusAndGroup) {
     DvFree(entries);
 }
 
-TEST_F(VagIsoSimulator, ClearingGroup020AThenReadingGivesOnly0206) {
-    StartSimulator();
+TEST_F(VagIsoSimulated, ClearingGroup020AThenReadingGivesOnly0206) {
+    StartSimulated();
     EXPECT_EQ(Timed([] { EXPECT_EQ(DvVagIsoClearDiagnosticInformationExtended(0x020A), 0u); }),
               100);
-    EXPECT_FALSE(IsoSimulatorCurrent().set1Present);
-    EXPECT_TRUE(IsoSimulatorCurrent().set2Present);
+    EXPECT_FALSE(VagIsoSimulatorState().dtcSet1);
+    EXPECT_TRUE(VagIsoSimulatorState().dtcSet2);
     uint32_t count = 0;
     DtcEntry *entries = nullptr;
     EXPECT_EQ(DvVagIsoReadDtcByStatus(0, &count, &entries), 0u);
@@ -166,11 +166,11 @@ TEST_F(VagIsoSimulator, ClearingGroup020AThenReadingGivesOnly0206) {
     DvFree(entries);
 }
 
-TEST_F(VagIsoSimulator, ClearingAllGroupsEmptiesTheMemoryUntilTheNextStart) {
-    StartSimulator();
+TEST_F(VagIsoSimulated, ClearingAllGroupsEmptiesTheMemoryUntilTheNextStart) {
+    StartSimulated();
     EXPECT_EQ(DvVagIsoClearDiagnosticInformationExtended(0x1234), 0u);
-    EXPECT_TRUE(IsoSimulatorCurrent().set1Present);
-    EXPECT_TRUE(IsoSimulatorCurrent().set2Present);
+    EXPECT_TRUE(VagIsoSimulatorState().dtcSet1);
+    EXPECT_TRUE(VagIsoSimulatorState().dtcSet2);
     EXPECT_EQ(DvVagIsoClearDiagnosticInformationExtended(0), 0u);
     uint32_t count = 9;
     DtcEntry *entries = nullptr;
@@ -178,13 +178,13 @@ TEST_F(VagIsoSimulator, ClearingAllGroupsEmptiesTheMemoryUntilTheNextStart) {
     EXPECT_EQ(count, 0u);
     DvFree(entries);
     DvIsoStopCommunication();
-    StartSimulator();
-    EXPECT_TRUE(IsoSimulatorCurrent().set1Present);
-    EXPECT_TRUE(IsoSimulatorCurrent().set2Present);
+    StartSimulated();
+    EXPECT_TRUE(VagIsoSimulatorState().dtcSet1);
+    EXPECT_TRUE(VagIsoSimulatorState().dtcSet2);
 }
 
-TEST_F(VagIsoSimulator, FreezeFrameOf0206) {
-    StartSimulator();
+TEST_F(VagIsoSimulated, FreezeFrameOf0206) {
+    StartSimulated();
     uint32_t count = 0;
     MeasuringValue *values = nullptr;
     EXPECT_EQ(
@@ -199,8 +199,8 @@ TEST_F(VagIsoSimulator, FreezeFrameOf0206) {
               100);
 }
 
-TEST_F(VagIsoSimulator, FreezeFrameOf0206WithSet2ClearedGives0x111) {
-    StartSimulator();
+TEST_F(VagIsoSimulated, FreezeFrameOf0206WithSet2ClearedGives0x111) {
+    StartSimulated();
     ASSERT_EQ(DvVagIsoClearDiagnosticInformationExtended(0x0206), 0u);
     uint32_t count = 9;
     MeasuringValue *values = nullptr;
@@ -215,8 +215,8 @@ TEST_F(VagIsoSimulator, FreezeFrameOf0206WithSet2ClearedGives0x111) {
 // ---- data
 // -------------------------------------------------------------------------------------------
 
-TEST_F(VagIsoSimulator, LocalId1SwingsWithThePeriodOf4Seconds) {
-    StartSimulator();
+TEST_F(VagIsoSimulated, LocalId1SwingsWithThePeriodOf4Seconds) {
+    StartSimulated();
     uint32_t count = 0;
     MeasuringValue *values = nullptr;
     // The tick count after the 200 ms pause: 1000 ms (a quarter period) gives 1100.
@@ -242,8 +242,8 @@ TEST_F(VagIsoSimulator, LocalId1SwingsWithThePeriodOf4Seconds) {
     DvFree(values);
 }
 
-TEST_F(VagIsoSimulator, LocalId1WithAnotherCountGives1) {
-    StartSimulator();
+TEST_F(VagIsoSimulated, LocalId1WithAnotherCountGives1) {
+    StartSimulated();
     uint32_t count = 3;
     MeasuringValue values[3] = {};
     MeasuringValue *array = values;
@@ -252,8 +252,8 @@ TEST_F(VagIsoSimulator, LocalId1WithAnotherCountGives1) {
     EXPECT_EQ(values[0].kind, 0);
 }
 
-TEST_F(VagIsoSimulator, OtherLocalIdsGive0x111) {
-    StartSimulator();
+TEST_F(VagIsoSimulated, OtherLocalIdsGive0x111) {
+    StartSimulated();
     uint32_t count = 0;
     MeasuringValue *values = nullptr;
     EXPECT_EQ(Timed([&] { EXPECT_EQ(DvVagIsoReadDataByLocalId(2, &count, &values), 0x111u); }),
@@ -261,28 +261,28 @@ TEST_F(VagIsoSimulator, OtherLocalIdsGive0x111) {
     EXPECT_EQ(values, nullptr);
 }
 
-TEST_F(VagIsoSimulator, ActuatorTestStartFourStepsThenTheEnd) {
-    StartSimulator();
+TEST_F(VagIsoSimulated, ActuatorTestStartFourStepsThenTheEnd) {
+    StartSimulated();
     EXPECT_EQ(Timed([] { EXPECT_EQ(DvVagIsoTestActuator(0), 0u); }), 100);
-    EXPECT_EQ(IsoSimulatorCurrent().actuator, 1262);
-    EXPECT_EQ(IsoSimulatorCurrent().stepFlag, 0);
+    EXPECT_EQ(VagIsoSimulatorState().actuator, 1262);
+    EXPECT_EQ(VagIsoSimulatorState().stepFlag, 0);
     const std::pair<uint16_t, uint8_t> states[] = {{1262, 1}, {1264, 0}, {1264, 1}, {0, 0}};
     for (const auto &[actuator, step] : states) {
         EXPECT_EQ(Timed([] { EXPECT_EQ(DvVagIsoTestActuator(1), 0u); }), 100);
-        EXPECT_EQ(IsoSimulatorCurrent().actuator, actuator);
-        EXPECT_EQ(IsoSimulatorCurrent().stepFlag, step);
+        EXPECT_EQ(VagIsoSimulatorState().actuator, actuator);
+        EXPECT_EQ(VagIsoSimulatorState().stepFlag, step);
     }
     EXPECT_EQ(Timed([] { EXPECT_EQ(DvVagIsoTestActuator(1), 0x111u); }), 100);
     ExpectNoLine();
 }
 
-TEST_F(VagIsoSimulator, ActuatorStepWithoutATestGives0x111) {
-    StartSimulator();
+TEST_F(VagIsoSimulated, ActuatorStepWithoutATestGives0x111) {
+    StartSimulated();
     EXPECT_EQ(DvVagIsoTestActuator(1), 0x111u);
 }
 
-TEST_F(VagIsoSimulator, ActuatorDataFollowsTheSteps) {
-    StartSimulator();
+TEST_F(VagIsoSimulated, ActuatorDataFollowsTheSteps) {
+    StartSimulated();
     uint32_t count = 0;
     MeasuringValue *values = nullptr;
     // No actuator under test: one record with the code 0.
@@ -320,8 +320,8 @@ TEST_F(VagIsoSimulator, ActuatorDataFollowsTheSteps) {
     EXPECT_EQ(values, nullptr);
 }
 
-TEST_F(VagIsoSimulator, ActuatorDataWithAnotherCountGives1) {
-    StartSimulator();
+TEST_F(VagIsoSimulated, ActuatorDataWithAnotherCountGives1) {
+    StartSimulated();
     ASSERT_EQ(DvVagIsoTestActuator(0), 0u);
     ASSERT_EQ(DvVagIsoTestActuator(1), 0u);
     uint32_t count = 1;
@@ -332,18 +332,18 @@ TEST_F(VagIsoSimulator, ActuatorDataWithAnotherCountGives1) {
     EXPECT_EQ(array, &value);
 }
 
-TEST_F(VagIsoSimulator, StartResetsTheActuatorTest) {
-    StartSimulator();
+TEST_F(VagIsoSimulated, StartResetsTheActuatorTest) {
+    StartSimulated();
     ASSERT_EQ(DvVagIsoTestActuator(0), 0u);
     ASSERT_EQ(DvVagIsoTestActuator(1), 0u);
     DvIsoStopCommunication();
-    StartSimulator();
-    EXPECT_EQ(IsoSimulatorCurrent().actuator, 0);
-    EXPECT_EQ(IsoSimulatorCurrent().stepFlag, 0);
+    StartSimulated();
+    EXPECT_EQ(VagIsoSimulatorState().actuator, 0);
+    EXPECT_EQ(VagIsoSimulatorState().stepFlag, 0);
 }
 
-TEST_F(VagIsoSimulator, StopOnlySleeps100) {
-    StartSimulator();
+TEST_F(VagIsoSimulated, StopOnlySleeps100) {
+    StartSimulated();
     EXPECT_EQ(Timed([] { DvIsoStopCommunication(); }), 100);
     ExpectNoLine();
     EXPECT_TRUE(LogHas("\r\nDisconnected\r\n"));
