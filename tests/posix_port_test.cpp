@@ -162,6 +162,8 @@ TEST_F(PosixPortTest, OpenConfiguresRawAt10400Exclusively) {
     EXPECT_EQ(t.c_lflag & (ICANON | ECHO | ISIG | IEXTEN), 0u);
     EXPECT_EQ(t.c_oflag & OPOST, 0u);
     EXPECT_EQ(t.c_iflag & (ICRNL | IXON | ISTRIP), 0u);
+    // Breaks and framing errors arrive as 0x00 bytes (the adapter's break echo).
+    EXPECT_EQ(t.c_iflag & (IGNBRK | BRKINT | IGNPAR | PARMRK), 0u);
     EXPECT_EQ(t.c_cflag & CSIZE, static_cast<tcflag_t>(CS8));
     EXPECT_EQ(t.c_cflag & PARENB, 0u);
     int exclusive = 0;

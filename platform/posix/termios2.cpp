@@ -97,7 +97,9 @@ bool TermiosConfigure(int fd, const LineSettings &settings) {
     if (ioctl(fd, TCGETS2, &t) != 0) {
         return false;
     }
-    t.c_iflag = (settings.parityCheck ? INPCK : IGNPAR) | (settings.xonOut ? IXON : 0) |
+    // Neither IGNBRK nor IGNPAR: a break or a byte with a framing error is delivered as 0x00,
+    // as on Windows, since the adapter's echo of the break line is counted in such bytes.
+    t.c_iflag = (settings.parityCheck ? INPCK : 0) | (settings.xonOut ? IXON : 0) |
                 (settings.xonIn ? IXOFF : 0);
     t.c_oflag = 0;
     t.c_lflag = 0;
