@@ -66,6 +66,7 @@ private:
     void BeginFrame(EcuBus &bus, int64_t at);
     void OnRisingEdge(EcuBus &bus, int64_t at);
     void DecodeAddress(EcuBus &bus);
+    void SendKeyBytes(EcuBus &bus, int64_t reference, int gapMs);
     std::optional<uint8_t> AddressFromEdges(const EcuBus &bus) const;
     bool LevelAt(int64_t t) const;
 
@@ -111,6 +112,7 @@ private:
     int64_t wakeUpRise_ = 0;
     uint8_t initAddress_ = 0;
     uint8_t keyByte2Sent_ = 0;
+    int resyncs_ = 0;
 
     Bytes rx_;
     int64_t lastRxAt_ = 0;
@@ -220,11 +222,18 @@ void Kwp2000Ecu::DecodeAddress(EcuBus &bus) {
     }
     phase_ = Phase::KeyBytes;
     initAddress_ = *address;
+    resyncs_ = 0;
+    SendKeyBytes(bus, edges_.front().first + Ms(bus, kAddressBitMs * 10), profile_.timing.w1);
+}
+
+// The synchronisation byte `gapMs` after `reference`, then the key bytes with their gaps.
+void Kwp2000Ecu::SendKeyBytes(EcuBus &bus, int64_t reference, int gapMs) {
     const auto &t = profile_.timing;
     const auto keys = KeyBytes();
     keyByte2Sent_ = keys[1];
-    lastEnd_ = edges_.front().first + Ms(bus, kAddressBitMs * 10);
-    out_.push_back({faults_.syncByte.value_or(kSync), Ms(bus, t.w1), After::Nothing});
+    deadline_ = 0;
+    lastEnd_ = reference;
+    out_.push_back({faults_.syncByte.value_or(kSync), Ms(bus, gapMs), After::Nothing});
     out_.push_back({keys[0], Ms(bus, t.w2), After::Nothing});
     out_.push_back({keys[1], Ms(bus, t.w3), After::AwaitInvertedKeyByte});
 }
@@ -234,13 +243,10 @@ void Kwp2000Ecu::DecodeAddress(EcuBus &bus) {
 void Kwp2000Ecu::OnByte(EcuBus &bus, int64_t at, uint8_t byte) {
     switch (phase_) {
     case Phase::KeyBytes:
-        if (!out_.empty() || deadline_ == 0)
+        // Anything but the inverted key byte 2 is not heard; W4max then decides.
+        if (!out_.empty() || deadline_ == 0 || byte != static_cast<uint8_t>(~keyByte2Sent_))
             break;
         deadline_ = 0;
-        if (byte != static_cast<uint8_t>(~keyByte2Sent_)) {
-            phase_ = Phase::Idle;
-            break;
-        }
         {
             uint8_t answer = static_cast<uint8_t>(~initAddress_);
             if (faults_.wrongInvertedAddress)
@@ -691,6 +697,13 @@ void Kwp2000Ecu::OnDeadline(EcuBus &bus) {
         DecodeAddress(bus);
         return;
     }
+    // Without the inverted key byte 2 the ECU offers its key bytes again (the tester of Part
+    // 5.2 waits for a new synchronisation byte after a missing key byte or address answer).
+    if (phase_ == Phase::KeyBytes && resyncs_ < profile_.timing.resyncs) {
+        ++resyncs_;
+        SendKeyBytes(bus, deadline_, profile_.timing.resync);
+        return;
+    }
     // No StartCommunication after the wake-up, no inverted key byte, or P3max of silence.
     EndSession();
 }
@@ -767,6 +780,10 @@ Kwp2000Profile Kwp2000EngineProfile() {
 
 std::unique_ptr<EcuModel> MakeKwp2000Ecu(const Kwp2000Profile &profile) {
     return std::make_unique<Kwp2000Ecu>(profile);
+}
+
+std::unique_ptr<EcuModel> MakeKwp2000Engine() {
+    return MakeKwp2000Ecu(Kwp2000EngineProfile());
 }
 
 } // namespace dv::bench

@@ -56,6 +56,8 @@ struct Kwp2000Timing {
     int w3 = 10;            // key byte 1 to key byte 2
     int w4 = 30;            // tester's inverted key byte 2 to the inverted address
     int w4Max = 50;         // how long the ECU waits for the inverted key byte 2
+    int resync = 100;       // after w4Max without it: pause before sync and key bytes go out again
+    int resyncs = 3;        // how often they go out again before the ECU gives up
     int p1 = 1;             // gap between the bytes of an ECU message
     int p2 = 30;            // end of a request (or of an answer message) to the next answer message
     int p3Max = 5000;       // silence after which the ECU ends the session; 0: never
@@ -118,5 +120,7 @@ constexpr uint8_t kKwpResponsePending = 0x78;
 Kwp2000Profile Kwp2000EngineProfile();
 
 std::unique_ptr<EcuModel> MakeKwp2000Ecu(const Kwp2000Profile &profile);
+// The factory of the profile table: an ECU of Kwp2000EngineProfile().
+std::unique_ptr<EcuModel> MakeKwp2000Engine();
 
 } // namespace dv::bench

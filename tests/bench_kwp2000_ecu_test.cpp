@@ -194,7 +194,7 @@ TEST_F(Kwp2000EcuTest, SlowInitToleratesJitterOfAFewMilliseconds) {
     // 0x01: edges at the start bit (k 0), after data bit 0 (k 2) and at the stop bit (k 9).
     SendAddress(Ms(1000), 0x01, false,
                 {Ms(0), Ms(4), Ms(-6), Ms(0), Ms(0), Ms(0), Ms(0), Ms(0), Ms(0), Ms(5)});
-    RunUntil(Ms(3400));
+    RunUntil(Ms(3090));
     EXPECT_EQ(SentBytes(), (Bytes{0x55, 0xEF, 0x8F}));
 }
 
@@ -204,24 +204,36 @@ TEST_F(Kwp2000EcuTest, SlowInitRejectsEdgesFarFromTheBitBoundaries) {
     EXPECT_TRUE(bus.sent.empty());
 }
 
-TEST_F(Kwp2000EcuTest, SlowInitWithoutTheInvertedKeyByteGivesUp) {
+TEST_F(Kwp2000EcuTest, SlowInitOffersTheKeyBytesAgainThenGivesUp) {
     SendAddress(Ms(1000), 0x01);
-    RunUntil(Ms(4000));
-    ASSERT_EQ(bus.sent.size(), 3u);
-    // Too late for W4max: the ECU is idle again and a request is not heard.
-    int64_t t = Ms(4000);
+    RunUntil(Ms(10000));
+    // The first offer and three more, each 100 ms after W4max (50 ms after key byte 2's end).
+    ASSERT_EQ(bus.sent.size(), 12u);
+    for (size_t i = 0; i < 12; ++i)
+        EXPECT_EQ(bus.sent[i].byte, (Bytes{0x55, 0xEF, 0x8F})[i % 3]);
+    for (size_t i = 3; i < 12; i += 3)
+        EXPECT_EQ(bus.sent[i].at, bus.sent[i - 1].at + kByteTicks + Ms(50) + kByteTicks + Ms(100));
+    // Then it is idle: the inverted key byte 2 and a request are not heard.
+    int64_t t = Ms(10000);
     Write(t, {0x70});
     t += Ms(100);
     EXPECT_TRUE(Exchange(t, Request({0x3E})).empty());
-    EXPECT_EQ(bus.sent.size(), 3u);
+    EXPECT_EQ(bus.sent.size(), 12u);
 }
 
-TEST_F(Kwp2000EcuTest, SlowInitWithAWrongInvertedKeyByteGivesUp) {
+TEST_F(Kwp2000EcuTest, SlowInitIgnoresAWrongInvertedKeyByteAndAcceptsTheNextOffer) {
     SendAddress(Ms(1000), 0x01);
     RunUntil(Ms(3090));
+    ASSERT_EQ(bus.sent.size(), 3u);
     Write(bus.sent[2].at + Ms(37), {0x8F});
-    RunUntil(Ms(4000));
+    RunUntil(bus.sent[2].at + Ms(100));
     EXPECT_EQ(bus.sent.size(), 3u);
+    RunUntil(bus.sent[2].at + Ms(190));
+    ASSERT_EQ(bus.sent.size(), 6u);
+    EXPECT_EQ(SentBytes(3), (Bytes{0x55, 0xEF, 0x8F}));
+    const int64_t end = Write(bus.sent[5].at + Ms(37), {0x70});
+    RunUntil(end + Ms(100));
+    EXPECT_EQ(SentBytes(6), Bytes{0xFE});
 }
 
 TEST_F(Kwp2000EcuTest, RequestAfterSlowInitIsAnswered) {
@@ -559,7 +571,7 @@ TEST_F(Kwp2000FaultTest, WrongSyncByte) {
     f.syncByte = 0x54;
     MakeWith(f);
     SendAddress(Ms(1000), 0x01);
-    RunUntil(Ms(3400));
+    RunUntil(Ms(3090));
     EXPECT_EQ(SentBytes(), (Bytes{0x54, 0xEF, 0x8F}));
 }
 
@@ -568,8 +580,9 @@ TEST_F(Kwp2000FaultTest, Obd2KeyBytesInSlowAndFastInit) {
     f.keyBytes = std::array<uint8_t, 2>{0x94, 0x94};
     MakeWith(f);
     SendAddress(Ms(1000), 0x01);
-    RunUntil(Ms(3400));
+    RunUntil(Ms(3090));
     EXPECT_EQ(SentBytes(), (Bytes{0x55, 0x94, 0x94}));
+    RunUntil(Ms(4900)); // the tester refuses them: no inverted key byte, the offers run out
     const size_t before = bus.sent.size();
     FastInit(Ms(5000));
     // 0x94 announces neither addresses nor lengths in the format byte.
@@ -581,7 +594,7 @@ TEST_F(Kwp2000FaultTest, BadKeyByte1) {
     f.keyBytes = std::array<uint8_t, 2>{0x8F, 0x8F};
     MakeWith(f);
     SendAddress(Ms(1000), 0x01);
-    RunUntil(Ms(3400));
+    RunUntil(Ms(3090));
     EXPECT_EQ(SentBytes(), (Bytes{0x55, 0x8F, 0x8F}));
 }
 
