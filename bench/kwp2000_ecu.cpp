@@ -2,9 +2,11 @@
 #include "bench/kwp2000_ecu.h"
 
 #include <algorithm>
+#include <cstdio>
 #include <cstdlib>
 #include <deque>
 #include <limits>
+#include <string_view>
 #include <utility>
 
 namespace dv::bench {
@@ -22,6 +24,13 @@ enum class Phase { Idle, Address, WakeUp, KeyBytes, Session };
 
 // What happens once a queued byte is on the line.
 enum class After { Nothing, AwaitInvertedKeyByte, StartSession, EndSession };
+
+// A trace note with one number in it ("%02X" or "%d").
+void NoteValue(EcuBus &bus, int64_t at, const char *format, int value) {
+    char text[80];
+    std::snprintf(text, sizeof text, format, value);
+    bus.Note(at, text);
+}
 
 struct OutByte {
     uint8_t value;
@@ -65,7 +74,7 @@ private:
     // Line levels: the five-baud address and the wake-up pattern.
     void BeginFrame(EcuBus &bus, int64_t at);
     void OnRisingEdge(EcuBus &bus, int64_t at);
-    void DecodeAddress(EcuBus &bus);
+    void DecodeAddress(EcuBus &bus, int64_t at);
     void SendKeyBytes(EcuBus &bus, int64_t reference, int gapMs);
     std::optional<uint8_t> AddressFromEdges(const EcuBus &bus) const;
     bool LevelAt(int64_t t) const;
@@ -99,8 +108,9 @@ private:
     Bytes Frame(const Bytes &data);
     void Queue(int64_t reference, int64_t gap, const Bytes &bytes, int64_t p1, After last);
     void SendDue(EcuBus &bus, int64_t at);
-    void OnDeadline(EcuBus &bus);
+    void OnDeadline(EcuBus &bus, int64_t at);
     void EndSession();
+    void Idle(EcuBus &bus, int64_t at, std::string_view why);
     void Reschedule(EcuBus &bus);
 
     Kwp2000Profile profile_;
@@ -148,6 +158,8 @@ void Kwp2000Ecu::OnLineLevel(EcuBus &bus, int64_t at, bool high) {
 // A break while the line was idle, in a session or after a wake-up: a real ECU abandons what it
 // was doing and listens for an address or a wake-up pattern.
 void Kwp2000Ecu::BeginFrame(EcuBus &bus, int64_t at) {
+    if (phase_ == Phase::Session)
+        bus.Note(at, "session abandoned: the line was pulled low");
     EndSession();
     out_.clear();
     phase_ = Phase::Address;
@@ -167,11 +179,11 @@ void Kwp2000Ecu::OnRisingEdge(EcuBus &bus, int64_t at) {
             rx_.clear();
             rxDiscard_ = false;
             deadline_ = edges_.front().first + Ms(bus, t.wakeUpTotal + t.startWindow);
+            bus.Note(at, "wake-up pattern");
             return;
         }
-        if (low < Ms(bus, kAddressBitMs / 2)) { // a glitch, neither a start bit nor a wake-up
-            phase_ = Phase::Idle;
-            deadline_ = 0;
+        if (low < Ms(bus, kAddressBitMs / 2)) {
+            Idle(bus, at, "low pulse ignored: neither a start bit nor a wake-up");
             return;
         }
     }
@@ -213,13 +225,18 @@ std::optional<uint8_t> Kwp2000Ecu::AddressFromEdges(const EcuBus &bus) const {
     return address;
 }
 
-void Kwp2000Ecu::DecodeAddress(EcuBus &bus) {
+void Kwp2000Ecu::DecodeAddress(EcuBus &bus, int64_t at) {
     const auto address = AddressFromEdges(bus);
-    deadline_ = 0;
-    if (!address || (*address != profile_.moduleAddress && *address != profile_.targetAddress)) {
-        phase_ = Phase::Idle;
+    if (!address) {
+        Idle(bus, at, "five-baud frame not readable (timing, parity or stop bit)");
         return;
     }
+    if (*address != profile_.moduleAddress && *address != profile_.targetAddress) {
+        Idle(bus, at, "");
+        NoteValue(bus, at, "address %02X is not this ECU's", *address);
+        return;
+    }
+    NoteValue(bus, at, "address %02X: sync and key bytes follow", *address);
     phase_ = Phase::KeyBytes;
     initAddress_ = *address;
     resyncs_ = 0;
@@ -247,6 +264,7 @@ void Kwp2000Ecu::OnByte(EcuBus &bus, int64_t at, uint8_t byte) {
         if (!out_.empty() || deadline_ == 0 || byte != static_cast<uint8_t>(~keyByte2Sent_))
             break;
         deadline_ = 0;
+        bus.Note(at, "inverted key byte 2 heard");
         {
             uint8_t answer = static_cast<uint8_t>(~initAddress_);
             if (faults_.wrongInvertedAddress)
@@ -258,8 +276,7 @@ void Kwp2000Ecu::OnByte(EcuBus &bus, int64_t at, uint8_t byte) {
         const auto &t = profile_.timing;
         const int64_t wakeUpEnd = wakeUpRise_ - Ms(bus, t.wakeUpLow) + Ms(bus, t.wakeUpTotal);
         if (rx_.empty() && at - ByteTicks(bus) < wakeUpEnd - Ms(bus, t.wakeUpJitter)) {
-            phase_ = Phase::Idle; // a byte inside the wake-up pattern: not a fast init
-            deadline_ = 0;
+            Idle(bus, at, "byte inside the wake-up pattern: no fast init");
             break;
         }
         ReceiveByte(bus, at, byte);
@@ -328,28 +345,34 @@ void Kwp2000Ecu::OnRequest(EcuBus &bus, int64_t at, const Bytes &message) {
     const bool fastStart = phase_ == Phase::WakeUp;
     // A real ECU ignores what it cannot take as its own request: wrong checksum, another
     // target, a length form its key bytes do not announce, or no service id.
-    if (Checksum(message, message.size() - 1) != message.back())
+    if (Checksum(message, message.size() - 1) != message.back()) {
+        bus.Note(at, "request ignored: bad checksum");
         return;
-    if (addressed && message[1] != profile_.targetAddress)
+    }
+    if (addressed && message[1] != profile_.targetAddress) {
+        NoteValue(bus, at, "request ignored: target %02X", message[1]);
         return;
-    if (!fastStart && !(kb1 & (formatLength ? kKb1FormatLength : kKb1LengthByte)))
+    }
+    if (!fastStart && !(kb1 & (formatLength ? kKb1FormatLength : kKb1LengthByte))) {
+        bus.Note(at, "request ignored: length form not announced by the key bytes");
         return;
+    }
     const Bytes request(message.begin() + static_cast<ptrdiff_t>(header), message.end() - 1);
-    if (request.empty())
+    if (request.empty()) {
+        bus.Note(at, "request ignored: no service id");
         return;
+    }
     if (fastStart && request != Bytes{0x81}) {
-        phase_ = Phase::Idle;
-        deadline_ = 0;
+        Idle(bus, at, "no StartCommunication after the wake-up");
         return;
     }
     if (addressed)
         testerAddress_ = message[2];
     ++requests_;
     if (InRange(requests_, faults_.silentRequest, faults_.silentCount)) {
-        if (fastStart) {
-            phase_ = Phase::Idle;
-            deadline_ = 0;
-        }
+        NoteValue(bus, at, "fault: request %d left unanswered", requests_);
+        if (fastStart)
+            Idle(bus, at, "");
         return;
     }
     if (fastStart) {
@@ -373,7 +396,7 @@ void Kwp2000Ecu::Answer(EcuBus &bus, int64_t at, const Bytes &request) {
     const After last = drop || stop ? After::EndSession : After::Nothing;
     if (!answer) {
         if (drop)
-            EndSession();
+            Idle(bus, at, "fault: link dropped");
         return;
     }
     int64_t gap = Ms(bus, t.p2);
@@ -682,29 +705,42 @@ void Kwp2000Ecu::SendDue(EcuBus &bus, int64_t at) {
         deadline_ = lastEnd_ + Ms(bus, t.w4Max) + ByteTicks(bus);
         break;
     case After::StartSession:
+        bus.Note(lastEnd_, "session started");
         phase_ = Phase::Session;
         rx_.clear();
         rxDiscard_ = false;
         break;
-    case After::EndSession: EndSession(); break;
+    case After::EndSession: Idle(bus, lastEnd_, "session ended"); break;
     }
     if (phase_ == Phase::Session)
         deadline_ = t.p3Max > 0 ? lastEnd_ + Ms(bus, t.p3Max) : 0;
 }
 
-void Kwp2000Ecu::OnDeadline(EcuBus &bus) {
+void Kwp2000Ecu::OnDeadline(EcuBus &bus, int64_t at) {
     if (phase_ == Phase::Address) {
-        DecodeAddress(bus);
+        DecodeAddress(bus, at);
         return;
     }
     // Without the inverted key byte 2 the ECU offers its key bytes again (the tester of Part
     // 5.2 waits for a new synchronisation byte after a missing key byte or address answer).
     if (phase_ == Phase::KeyBytes && resyncs_ < profile_.timing.resyncs) {
         ++resyncs_;
+        bus.Note(at, "no inverted key byte 2: key bytes offered again");
         SendKeyBytes(bus, deadline_, profile_.timing.resync);
         return;
     }
-    // No StartCommunication after the wake-up, no inverted key byte, or P3max of silence.
+    switch (phase_) {
+    case Phase::WakeUp: Idle(bus, at, "no StartCommunication after the wake-up"); break;
+    case Phase::KeyBytes: Idle(bus, at, "no inverted key byte 2: initialisation given up"); break;
+    case Phase::Session: Idle(bus, at, "P3max without a request: session ended"); break;
+    case Phase::Idle:
+    case Phase::Address: EndSession(); break;
+    }
+}
+
+void Kwp2000Ecu::Idle(EcuBus &bus, int64_t at, std::string_view why) {
+    if (!why.empty())
+        bus.Note(at, why);
     EndSession();
 }
 
@@ -722,7 +758,7 @@ void Kwp2000Ecu::OnTimer(EcuBus &bus, int64_t at) {
         if (!out_.empty() && lastEnd_ + out_.front().gap <= at)
             SendDue(bus, at);
         else if (deadline_ != 0 && deadline_ <= at && out_.empty())
-            OnDeadline(bus);
+            OnDeadline(bus, at);
         else
             break;
     }

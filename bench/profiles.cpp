@@ -4,6 +4,7 @@
 #include <array>
 
 #include "bench/kw1281_ecu.h"
+#include "bench/kwp2000_ecu.h"
 
 namespace dv::bench {
 namespace {
@@ -15,6 +16,9 @@ constexpr std::array kProfiles = {
     EcuProfileEntry{"kw1281-cluster",
                     "KW1281 instrument cluster, address 0x17, 9600 baud, keyword 0x8089",
                     MakeKw1281Cluster},
+    EcuProfileEntry{"kwp2000-engine",
+                    "KWP2000 engine ECU, module 0x01, target 0x10, 10400 baud, key bytes EF 8F",
+                    MakeKwp2000Engine},
 };
 
 } // namespace
