@@ -23,7 +23,7 @@ constexpr uint8_t kKb1AddressHeader = 0x08;
 enum class Phase { Idle, Address, WakeUp, KeyBytes, Session };
 
 // What happens once a queued byte is on the line.
-enum class After { Nothing, AwaitInvertedKeyByte, StartSession, EndSession };
+enum class After { Nothing, AwaitInvertedKeyByte, StartSession, EndSession, DropLink };
 
 // A trace note with one number in it ("%02X" or "%d").
 void NoteValue(EcuBus &bus, int64_t at, const char *format, int value) {
@@ -393,7 +393,7 @@ void Kwp2000Ecu::Answer(EcuBus &bus, int64_t at, const Bytes &request) {
         answer = Serve(request);
     const bool drop = requests_ == faults_.dropAfterRequest;
     const bool stop = sid == 0x82 && answer && (*answer)[0] == 0xC2;
-    const After last = drop || stop ? After::EndSession : After::Nothing;
+    const After last = drop ? After::DropLink : stop ? After::EndSession : After::Nothing;
     if (!answer) {
         if (drop)
             Idle(bus, at, "fault: link dropped");
@@ -710,7 +710,8 @@ void Kwp2000Ecu::SendDue(EcuBus &bus, int64_t at) {
         rx_.clear();
         rxDiscard_ = false;
         break;
-    case After::EndSession: Idle(bus, lastEnd_, "session ended"); break;
+    case After::EndSession: Idle(bus, lastEnd_, "session ended by StopCommunication"); break;
+    case After::DropLink: Idle(bus, lastEnd_, "fault: link dropped"); break;
     }
     if (phase_ == Phase::Session)
         deadline_ = t.p3Max > 0 ? lastEnd_ + Ms(bus, t.p3Max) : 0;
