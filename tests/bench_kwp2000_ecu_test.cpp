@@ -330,6 +330,18 @@ TEST_F(Kwp2000EcuTest, AGapLongerThanP4StartsANewMessage) {
     EXPECT_EQ(Exchange(t, request), Answer({0x7E}));
 }
 
+TEST_F(Kwp2000EcuTest, GarbageOnTheLineIsSkippedUntilItGoesQuiet) {
+    int64_t t = FastInit(Ms(1000));
+    // A functional header, a long announced length never completed, a zero-length message.
+    EXPECT_TRUE(Exchange(t, {0xC1, 0x33, 0xF1, 0x3E, 0x23}).empty());
+    EXPECT_TRUE(Exchange(t, {0xBF, 0x10, 0xF1, 0x21}).empty());
+    EXPECT_TRUE(Exchange(t, {0x80, 0x10, 0xF1, 0x00, 0x81}).empty());
+    for (int value = 0; value < 256; value += 7)
+        Write(t + Ms(value / 7), {static_cast<uint8_t>(value)}, 1);
+    t += Ms(200);
+    EXPECT_EQ(Exchange(t, Request({0x3E})), Answer({0x7E}));
+}
+
 TEST_F(Kwp2000EcuTest, LongAnswersUseTheLengthByte) {
     Kwp2000Profile profile = Kwp2000EngineProfile();
     profile.localIds.push_back({0x40, Bytes(66, 0x01)});
