@@ -433,6 +433,7 @@ std::optional<Bytes> Kwp2000Ecu::Serve(const Bytes &request) {
         if (n != 1)
             return Negative(sid, kKwpInvalidFormat);
         session_ = 0x81;
+        actuatorTest_ = false;
         return Bytes{0x60};
     case 0x3E: return TesterPresent(request);
     case 0x13: return ReadDtc(request);
@@ -459,6 +460,7 @@ Bytes Kwp2000Ecu::StartDiagnosticSession(const Bytes &request) {
         profile_.sessions.end())
         return Negative(0x10, kKwpInvalidFormat);
     session_ = mode;
+    actuatorTest_ = false; // a session change ends a running actuator test
     return {0x50, mode};
 }
 
@@ -602,7 +604,8 @@ Bytes Kwp2000Ecu::StartRoutine(const Bytes &request) {
 Bytes Kwp2000Ecu::Actuator(uint8_t routine) {
     const Bytes echo{0x71, routine, 0x01, 0x02};
     if (routine == 0xB8) {
-        if (profile_.actuators.empty())
+        if (profile_.actuators.empty() ||
+            (profile_.actuatorSession != 0 && session_ != profile_.actuatorSession))
             return Negative(0x31, kKwpConditionsNotCorrect);
         actuatorTest_ = true;
         actuatorIndex_ = 0;

@@ -106,6 +106,7 @@ struct Kwp2000Profile {
     std::vector<Kwp2000LocalId> localIds;
     std::vector<uint16_t> capabilities; // routine function codes listed by 31 B8 00 00
     std::vector<Kwp2000Actuator> actuators;
+    uint8_t actuatorSession = 0; // session the actuator test needs; 0: any
     Kwp2000Faults faults;
 };
 

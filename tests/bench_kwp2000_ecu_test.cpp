@@ -561,6 +561,32 @@ TEST_F(Kwp2000EcuTest, ActuatorTestStepsThroughTheActuators) {
     EXPECT_EQ(Exchange(t, read), Answer({0x7F, 0x31, 0x22}));
 }
 
+TEST_F(Kwp2000EcuTest, ActuatorTestNeedsItsSessionAndEndsWithASessionChange) {
+    Kwp2000Profile profile = Kwp2000EngineProfile();
+    profile.actuatorSession = 0x89;
+    Make(profile);
+    int64_t t = FastInit(Ms(1000));
+    const Bytes start = Request({0x31, 0xB8, 0x01, 0x02});
+    EXPECT_EQ(Exchange(t, start), Answer({0x7F, 0x31, 0x22}));
+    EXPECT_EQ(Exchange(t, Request({0x10, 0x89})), Answer({0x50, 0x89}));
+    EXPECT_EQ(Exchange(t, start), Answer({0x71, 0xB8, 0x01, 0x02}));
+    EXPECT_EQ(Exchange(t, Request({0x20})), Answer({0x60}));
+    EXPECT_EQ(Exchange(t, Request({0x31, 0xB9, 0x01, 0x02})), Answer({0x7F, 0x31, 0x22}));
+    EXPECT_EQ(Exchange(t, start), Answer({0x7F, 0x31, 0x22}));
+}
+
+TEST_F(Kwp2000EcuTest, SessionModeFallsBackAfterANewInitialisation) {
+    Kwp2000Profile profile = Kwp2000EngineProfile();
+    profile.actuatorSession = 0x89;
+    Make(profile);
+    int64_t t = FastInit(Ms(1000));
+    EXPECT_EQ(Exchange(t, Request({0x10, 0x89})), Answer({0x50, 0x89}));
+    const size_t before = bus.sent.size();
+    t = FastInit(t);
+    EXPECT_EQ(SentBytes(before), Answer({0xC1, 0xEF, 0x8F}));
+    EXPECT_EQ(Exchange(t, Request({0x31, 0xB8, 0x01, 0x02})), Answer({0x7F, 0x31, 0x22}));
+}
+
 TEST_F(Kwp2000EcuTest, UnknownServiceIsRefused) {
     int64_t t = FastInit(Ms(1000));
     EXPECT_EQ(Exchange(t, Request({0x23, 0x00, 0x10, 0x00, 0x04})), Answer({0x7F, 0x23, 0x11}));
