@@ -64,7 +64,7 @@ struct Kwp2000Timing {
     int p4Max = 20;         // longest gap between request bytes; a longer gap starts a new message
     int wakeUpLow = 25;     // low time of the fast-init wake-up pattern
     int wakeUpTotal = 50;   // low and high time of the wake-up pattern (TWuP)
-    int wakeUpJitter = 3;   // tolerance on both
+    int wakeUpJitter = 5;   // tolerance on both
     int startWindow = 300;  // wake-up end to the latest start of StartCommunication
     int addressJitter = 50; // tolerance of a five-baud edge around its bit boundary
 };

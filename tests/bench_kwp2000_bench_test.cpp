@@ -163,6 +163,30 @@ TEST_F(Kwp2000LineTest, RequestWithABadChecksumIsNotAnswered) {
     EXPECT_TRUE(Noted("request ignored: bad checksum"));
 }
 
+TEST(Kwp2000VecuTest, VecuNameOpensTheEngineOnTheRealClock) {
+    BenchUninstall(); // the routed native platform
+    const Platform &p = PlatformGet();
+    const PortHandle port = p.portOpen(u"vecu:kwp2000-engine");
+    ASSERT_NE(port, kInvalidPort);
+    EXPECT_TRUE(VecuOwns(port));
+    CommState state{};
+    ASSERT_TRUE(p.portGetState(port, &state));
+    state.baudRate = 10400;
+    ASSERT_TRUE(p.portSetState(port, &state));
+    CommTimeouts t{0, 0, 40, 0, 0};
+    ASSERT_TRUE(p.portSetTimeouts(port, &t));
+    const uint8_t byte = 0x3E;
+    uint32_t written = 0;
+    ASSERT_TRUE(p.portWrite(port, &byte, 1, &written));
+    uint8_t buffer[2] = {};
+    uint32_t got = 0;
+    ASSERT_TRUE(p.portRead(port, buffer, 2, &got));
+    EXPECT_EQ(got, 1u); // the echo: without an initialisation the ECU answers nothing
+    EXPECT_EQ(buffer[0], 0x3E);
+    ASSERT_TRUE(p.portClose(port));
+    BenchUninstall();
+}
+
 // ---- the library's KWP2000 link against the model ---------------------------------------------
 
 class Kwp2000LinkTest : public ::testing::Test {

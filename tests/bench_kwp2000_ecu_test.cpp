@@ -263,6 +263,19 @@ TEST_F(Kwp2000EcuTest, FastInitNeedsTheWakeUpPattern) {
     EXPECT_TRUE(bus.sent.empty());
 }
 
+TEST_F(Kwp2000EcuTest, FastInitToleratesAFewMillisecondsOnTheWakeUpLowTime) {
+    Level(Ms(1000), false);
+    Level(Ms(1029), true);
+    int64_t t = Ms(1054);
+    EXPECT_EQ(Exchange(t, Request({0x81})), Answer({0xC1, 0xEF, 0x8F}));
+    const size_t before = bus.sent.size();
+    Level(t, false);
+    Level(t + Ms(31), true); // beyond 25 +- 5 ms
+    t += Ms(56);
+    EXPECT_TRUE(Exchange(t, Request({0x81})).empty());
+    EXPECT_EQ(bus.sent.size(), before);
+}
+
 TEST_F(Kwp2000EcuTest, FastInitIgnoresBytesInsideTheWakeUpHighTime) {
     Level(Ms(1000), false);
     Level(Ms(1025), true);
