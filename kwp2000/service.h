@@ -27,8 +27,8 @@ public:
     uint8_t At(uint32_t index) const { return Has(index) ? data_[index] : 0; }
     // Big-endian 16-bit value of bytes index and index + 1.
     uint32_t Word(uint32_t index) const { return (At(index) << 8) | At(index + 1); }
-    // The bytes from `offset` on, leaving `tail` bytes out; an empty area when the answer is
-    // shorter.
+    // The bytes from `offset` on (null when the answer is shorter), and their number leaving
+    // the last `tail` bytes out (0 when the answer is shorter).
     const uint8_t *Area(uint32_t offset) const { return Has(offset) ? data_ + offset : nullptr; }
     uint32_t AreaLength(uint32_t offset, uint32_t tail = 0) const {
         return length_ >= offset + tail ? length_ - offset - tail : 0;

@@ -13,6 +13,7 @@ namespace dv {
 namespace {
 
 constexpr uint32_t kBadArgument = 1;
+constexpr uint32_t kBadEcho = 7;
 
 // Host session values 0, 1, 2 and 4 name the standard sessions; others are sent as they are.
 uint8_t SessionModeOf(uint32_t mode) {
@@ -55,7 +56,7 @@ uint32_t IsoStartSession(uint8_t mode) {
         return result;
     }
     if (!IsoCheckEchoByte(answer, 1, mode, u"Bad diagnostic session mode : '%02X' vs '%02X'\r\n")) {
-        return 7;
+        return kBadEcho;
     }
     IsoLinkState().sessionMode = mode;
     return 0;

@@ -370,6 +370,20 @@ TEST_F(KwpServices, RefusedSessionRestoreEndsTheServiceWithTheRestartsResult) {
     EXPECT_EQ(IsoLinkState().connected, 1u);
 }
 
+TEST_F(KwpServices, RefusedThreadPriorityIsReturnedWithoutRestart) {
+    Start();
+    ecu.AnswerAlways({0x7E});
+    Fake().Fail(FakeCall::SetPriority, Fake().CallCount(FakeCall::SetPriority) + 1, 5);
+    EXPECT_EQ(DvIsoTesterPresent(), 1u);
+    Fake().Fail(FakeCall::SetPriority, Fake().CallCount(FakeCall::SetPriority) + 1, 5);
+    EXPECT_EQ(DvIsoTesterPresentExtended(0), 1u);
+    Fake().Fail(FakeCall::SetPriority, Fake().CallCount(FakeCall::SetPriority) + 1, 5);
+    EXPECT_EQ(DvIsoClearDiagnosticInformation(), 1u);
+    EXPECT_TRUE(Written().empty());
+    EXPECT_FALSE(LogHas("Restarting"));
+    EXPECT_TRUE(LogHas("Could not set thread priority (0x00000005)\r\n"));
+}
+
 TEST_F(KwpServices, PortFailureIsReturnedWithoutRestart) {
     Start();
     Fake().Fail(FakeCall::Purge, Fake().CallCount(FakeCall::Purge) + 1, 31);
