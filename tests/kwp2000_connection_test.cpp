@@ -6,6 +6,8 @@
 #include <algorithm>
 #include <cstdio>
 
+#include "bench/bench.h"
+#include "bench/kwp2000_ecu.h"
 #include "frame/frame.h"
 #include "kwp2000/kwp2000.h"
 #include "kwp2000_fake_ecu.h"
@@ -875,6 +877,261 @@ TEST_F(KwpConnectionTest, FailedSlowRestartRetriesWithPausesAndKeepsThePortOpen)
     EXPECT_EQ(Count(LogText(), "\r\nRetrying to connect to ECU"), 2u);
     EXPECT_TRUE(Fake().portOpen);
     EXPECT_EQ(dv::IsoLinkState().restarts, 0u);
+}
+
+} // namespace
+
+// ---- on the bench: whole sessions with the emulated KWP2000 engine ECU ------------------------
+
+namespace {
+
+using dv::bench::BenchTraceBytes;
+using dv::bench::BenchTraceOf;
+using dv::bench::Kwp2000Profile;
+using dv::bench::TraceKind;
+
+class KwpConnectionBenchTest : public ::testing::Test {
+protected:
+    template <typename Change> void Install(Change change, uint32_t level = 2) {
+        Kwp2000Profile profile = dv::bench::Kwp2000EngineProfile();
+        change(profile);
+        dv::bench::BenchInstall(dv::bench::MakeKwp2000Ecu(profile));
+        ASSERT_EQ(ConstructLibrary(level), 0u);
+    }
+    void Install() {
+        Install([](Kwp2000Profile &) {});
+    }
+
+    void TearDown() override {
+        DvDestruct();
+        dv::bench::BenchUninstall();
+    }
+
+    static uint32_t Exchange(const Bytes &request, Bytes *answer) {
+        uint32_t length = 0;
+        uint8_t *data = nullptr;
+        const uint32_t result =
+            dv::IsoExchange(static_cast<uint32_t>(request.size()), request.data(), &length, &data);
+        if (result == 0) {
+            answer->assign(data, data + length);
+            dv::IsoReleaseResponseBuffer();
+        }
+        return result;
+    }
+
+    // A session restored by a restart: the service records the mode it started.
+    static uint32_t StartSession(uint8_t mode) {
+        Bytes answer;
+        const uint32_t result = Exchange({0x10, mode}, &answer);
+        if (result == 0 && answer == Bytes{0x50, mode}) {
+            dv::IsoLinkState().sessionMode = mode;
+        }
+        return result;
+    }
+
+    static std::string TesterBytes() { return Hex(BenchTraceBytes(TraceKind::TesterByte)); }
+
+    static std::vector<uint32_t> Sleeps() {
+        std::vector<uint32_t> ms;
+        for (const auto &entry : BenchTraceOf(TraceKind::Sleep)) {
+            if (entry.value != 1 && entry.value != 180 && entry.value != 80 && entry.value != 5) {
+                ms.push_back(entry.value);
+            }
+        }
+        return ms;
+    }
+};
+
+TEST_F(KwpConnectionBenchTest, SlowInitSessionWithStatisticsReport) {
+    Install();
+    uint32_t keepAlive = 0;
+    // The ECU takes its target address 0x10 as five-baud address too.
+    ASSERT_EQ(DvIsoStartCommunication(Port(), 0, 0x10, &keepAlive), 0u);
+    EXPECT_EQ(keepAlive, 4945u);
+    const dv::IsoLink &link = dv::IsoLinkState();
+    EXPECT_EQ(link.keyByte1, 0xEF); // extended timing: the settings timing (default values)
+    EXPECT_EQ(link.keyByte2, 0x8F);
+    EXPECT_EQ(link.timing.P2max, 50u);
+    EXPECT_EQ(link.targetAddress, 0x10); // the same address for init and messages
+    EXPECT_EQ(link.initAddress, 0x10);
+    Bytes answer;
+    EXPECT_EQ(Exchange({0x3E}, &answer), 0u);
+    EXPECT_EQ(Hex(answer), "7E");
+    EXPECT_EQ(StartSession(0x89), 0u);
+    dv::bench::BenchTraceClear();
+    DvIsoStopCommunication();
+    EXPECT_EQ(TesterBytes(), "81 10 F1 82 04");
+    EXPECT_EQ(BenchTraceOf(TraceKind::Close).size(), 1u);
+    const std::string &report = LogCalls().back();
+    EXPECT_EQ(report.substr(0, 26), "\r\n\r\nConnection duration - ");
+    EXPECT_NE(report.find(" sec\r\nServices requested - 3, repeats - 0 (0 %)\r\nRestarts - 0\r\n"),
+              std::string::npos)
+        << report;
+    EXPECT_EQ(link.connected, 0u);
+}
+
+TEST_F(KwpConnectionBenchTest, SlowInitOnTheLineHasTheIsoTimes) {
+    Install([](Kwp2000Profile &) {}, 3);
+    ASSERT_EQ(DvVagIsoStartCommunication(Port(), 0, 0x01, nullptr), 0u);
+    // Sync, key bytes, the inverted key byte 2 37 ms after key byte 2, the inverted address.
+    const auto heard = BenchTraceOf(TraceKind::TesterHears);
+    ASSERT_GE(heard.size(), 4u);
+    EXPECT_EQ(heard[0].value, 0x55u);
+    EXPECT_EQ(heard[1].value, 0xEFu);
+    EXPECT_EQ(heard[2].value, 0x8Fu);
+    EXPECT_EQ(heard[3].value, 0xFEu);
+    const auto written = BenchTraceOf(TraceKind::TesterByte);
+    ASSERT_EQ(written.size(), 1u);
+    EXPECT_EQ(written[0].value, 0x70u);
+    EXPECT_EQ(written[0].at - heard[2].at, 37 * kFakeTicksPerMs);
+    const std::string log = LogText();
+    EXPECT_NE(log.find("\r\nBaud Rate Synch Byte is Ok"), std::string::npos);
+    EXPECT_NE(log.find("\r\nKey Bytes are Ok"), std::string::npos);
+    EXPECT_EQ(dv::IsoLinkState().targetAddress, 0x10);
+}
+
+TEST_F(KwpConnectionBenchTest, FastInitSessionWithStatisticsReport) {
+    Install();
+    uint32_t keepAlive = 0;
+    ASSERT_EQ(DvVagIsoStartCommunication(Port(), 1, 0x01, &keepAlive), 0u);
+    EXPECT_EQ(TesterBytes(), "81 10 F1 81 03");
+    // The wake-up: the line low 25 ms, high 25 ms, then StartCommunication.
+    const auto low = BenchTraceOf(TraceKind::LineLow);
+    const auto high = BenchTraceOf(TraceKind::LineHigh);
+    const auto written = BenchTraceOf(TraceKind::TesterByte);
+    ASSERT_EQ(low.size(), 1u);
+    ASSERT_EQ(high.size(), 1u);
+    EXPECT_EQ(high[0].at - low[0].at, 25 * kFakeTicksPerMs);
+    EXPECT_EQ(written[0].at - low[0].at, 50 * kFakeTicksPerMs);
+    EXPECT_EQ(keepAlive, 4945u);
+    Bytes answer;
+    EXPECT_EQ(Exchange({0x3E}, &answer), 0u);
+    EXPECT_EQ(Exchange({0x21, 0x02}, &answer), 0u);
+    EXPECT_EQ(Hex(Bytes(answer.begin(), answer.begin() + 2)), "61 02");
+    DvIsoStopCommunication();
+    EXPECT_NE(LogText().find("\r\n\r\nDisconnected\r\n\r\n\r\nConnection duration - 0 sec\r\n"
+                             "Services requested - 4, repeats - 0 (0 %)\r\nRestarts - 0\r\n"),
+              std::string::npos)
+        << LogText();
+}
+
+TEST_F(KwpConnectionBenchTest, SimulatedLinkSessionNeedsNoLine) {
+    Install();
+    ASSERT_EQ(DvVagIsoStartCommunication(Port(), 1, 0x80, nullptr), 0u);
+    DvIsoStopCommunication();
+    EXPECT_EQ(dv::bench::BenchCallCount(FakeCall::Open), 0);
+    EXPECT_TRUE(BenchTraceOf(TraceKind::TesterByte).empty());
+    EXPECT_EQ(Sleeps(), (std::vector<uint32_t>{100, 100}));
+    EXPECT_EQ(LogText(), "\r\n\r\nConnecting to ECU at address FFh with fast connect\r\n"
+                         "\r\nConnected successfully"
+                         "\r\n\r\nDisconnecting from ECU\r\n"
+                         "\r\n\r\nDisconnected\r\n"
+                         "\r\n\r\nConnection duration - 0 sec\r\nServices requested - 0, "
+                         "repeats - 0 (0 %)\r\nRestarts - 0\r\n");
+}
+
+TEST_F(KwpConnectionBenchTest, Obd2KeyBytesAreRetriedWith3000msPauses) {
+    Install([](Kwp2000Profile &p) { p.faults.keyBytes = std::array<uint8_t, 2>{0x94, 0x94}; });
+    EXPECT_EQ(DvIsoStartCommunication(Port(), 0, 0x01, nullptr), 10u);
+    EXPECT_EQ(Count(LogText(), "\r\nOBD2 is not supported yet"), 3u);
+    EXPECT_EQ(Count(LogText(), "\r\n\r\nRetrying to connect to ECU\r\n\r\n"), 2u);
+    EXPECT_EQ(Sleeps(), (std::vector<uint32_t>{50, 3000, 3000, 3000}));
+    EXPECT_EQ(BenchTraceOf(TraceKind::Close).size(), 1u);
+}
+
+TEST_F(KwpConnectionBenchTest, BadKeyByte1Gives10) {
+    Install([](Kwp2000Profile &p) { p.faults.keyBytes = std::array<uint8_t, 2>{0xCF, 0x8F}; });
+    EXPECT_EQ(DvIsoStartCommunication(Port(), 0, 0x01, nullptr), 10u);
+    EXPECT_EQ(Count(LogText(), "\r\nBad Key Byte 1 : 'CF'"), 3u);
+}
+
+TEST_F(KwpConnectionBenchTest, BadSyncByteGives9) {
+    Install([](Kwp2000Profile &p) { p.faults.syncByte = 0x54; });
+    EXPECT_EQ(DvIsoStartCommunication(Port(), 0, 0x01, nullptr), 9u);
+    EXPECT_EQ(Count(LogText(), "\r\nBad Baud Rate Synch Byte: '54' vs '55'"), 3u);
+}
+
+TEST_F(KwpConnectionBenchTest, WrongInvertedAddressGives12) {
+    Install([](Kwp2000Profile &p) { p.faults.wrongInvertedAddress = true; });
+    EXPECT_EQ(DvIsoStartCommunication(Port(), 0, 0x01, nullptr), 12u);
+    EXPECT_EQ(Count(LogText(), "\r\nBad ECU address echo : 'FF' vs 'FE'"), 3u);
+    EXPECT_EQ(Sleeps(), (std::vector<uint32_t>{50, 3000, 3000, 3000}));
+}
+
+TEST_F(KwpConnectionBenchTest, LostLinkIsRestartedFastWithTheSessionRestored) {
+    // Request 1 StartCommunication, 2 the session, 3 tester present: the ECU ends the session
+    // after answering it, so request 4 goes unanswered.
+    Install([](Kwp2000Profile &p) { p.faults.dropAfterRequest = 3; });
+    ASSERT_EQ(DvVagIsoStartCommunication(Port(), 1, 0x01, nullptr), 0u);
+    ASSERT_EQ(StartSession(0x89), 0u);
+    Bytes answer;
+    ASSERT_EQ(Exchange({0x3E}, &answer), 0u);
+    dv::bench::BenchTraceClear();
+    EXPECT_EQ(Exchange({0x3E}, &answer), 8u);
+    EXPECT_EQ(dv::IsoRestartCommunication(), 0u);
+    EXPECT_EQ(TesterBytes(), "81 10 F1 3E C0 81 10 F1 3E C0 81 10 F1 3E C0 "
+                             "81 10 F1 81 03 82 10 F1 10 89 1C");
+    EXPECT_EQ(Sleeps(), std::vector<uint32_t>{545});
+    EXPECT_EQ(dv::IsoLinkState().restarts, 1u);
+    EXPECT_EQ(Exchange({0x3E}, &answer), 0u);
+    DvIsoStopCommunication();
+    EXPECT_NE(LogText().find("Services requested - 7, repeats - 2 (28 %)\r\nRestarts - 1\r\n"),
+              std::string::npos)
+        << LogText();
+}
+
+TEST_F(KwpConnectionBenchTest, LostLinkIsRestartedSlowWithTheSessionRestored) {
+    Install([](Kwp2000Profile &p) { p.faults.dropAfterRequest = 1; });
+    ASSERT_EQ(DvIsoStartCommunication(Port(), 0, 0x10, nullptr), 0u);
+    ASSERT_EQ(StartSession(0x85), 0u); // request 1: the session ends after it
+    Bytes answer;
+    EXPECT_EQ(Exchange({0x3E}, &answer), 8u);
+    dv::bench::BenchTraceClear();
+    EXPECT_EQ(dv::IsoRestartCommunication(), 0u);
+    EXPECT_EQ(Sleeps(), std::vector<uint32_t>{2945});
+    EXPECT_EQ(TesterBytes(), "70 82 10 F1 10 85 18");
+    EXPECT_NE(LogText().find("\r\n\r\nReconnecting to ECU with slow connect\r\n"),
+              std::string::npos);
+    EXPECT_NE(LogText().find("\r\n\r\nReconnected successfully\r\n"), std::string::npos);
+    EXPECT_EQ(Exchange({0x3E}, &answer), 0u);
+}
+
+TEST_F(KwpConnectionBenchTest, FailedRestartLeavesThePortOpenAndTheStopOnlyClosesIt) {
+    // Everything after the session request goes unanswered, StartCommunication included.
+    Install([](Kwp2000Profile &p) {
+        p.faults.silentRequest = 3;
+        p.faults.silentCount = 100;
+    });
+    ASSERT_EQ(DvVagIsoStartCommunication(Port(), 1, 0x01, nullptr), 0u);
+    ASSERT_EQ(StartSession(0x89), 0u);
+    Bytes answer;
+    EXPECT_EQ(Exchange({0x3E}, &answer), 8u);
+    EXPECT_EQ(dv::IsoRestartCommunication(), 8u);
+    EXPECT_EQ(dv::IsoLinkState().restarts, 0u);
+    EXPECT_TRUE(BenchTraceOf(TraceKind::Close).empty());
+    // The service marks the link lost; the stop then only closes the port.
+    dv::IsoLinkState().connected = 2;
+    dv::bench::BenchTraceClear();
+    DvIsoStopCommunication();
+    EXPECT_TRUE(BenchTraceOf(TraceKind::TesterByte).empty());
+    EXPECT_EQ(BenchTraceOf(TraceKind::Close).size(), 1u);
+    EXPECT_TRUE(Sleeps().empty());
+}
+
+TEST_F(KwpConnectionBenchTest, StopCommunicationIsRepeatedThenThePortClosesAfter9945ms) {
+    Install([](Kwp2000Profile &p) {
+        p.faults.silentRequest = 2;
+        p.faults.silentCount = 3;
+    });
+    ASSERT_EQ(DvIsoStartCommunication(Port(), 1, 0x10, nullptr), 0u);
+    dv::bench::BenchTraceClear();
+    DvIsoStopCommunication();
+    EXPECT_EQ(TesterBytes(), "81 10 F1 82 04 81 10 F1 82 04 81 10 F1 82 04");
+    EXPECT_EQ(Sleeps(), std::vector<uint32_t>{9945});
+    const auto closes = BenchTraceOf(TraceKind::Close);
+    const auto sleeps = BenchTraceOf(TraceKind::Sleep);
+    ASSERT_EQ(closes.size(), 1u);
+    EXPECT_EQ(closes[0].at - sleeps.back().at, 9945 * kFakeTicksPerMs);
 }
 
 } // namespace

@@ -3,6 +3,8 @@
 
 #include <cstring>
 
+#include "bench/bench.h"
+#include "bench/kwp2000_ecu.h"
 #include "frame/frame.h"
 #include "kwp2000/kwp2000.h"
 #include "kwp2000_fake_ecu.h"
@@ -13,6 +15,14 @@ namespace {
 
 using namespace dvtest;
 using dv::bench::FakeEvent;
+
+size_t Count3(const std::string &text, const std::string &part) {
+    size_t n = 0;
+    for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1)) {
+        ++n;
+    }
+    return n;
+}
 
 class KwpMessageTest : public ::testing::Test {
 protected:
@@ -535,6 +545,159 @@ TEST_F(KwpMessageTest, TesterAddressFromSettingsIsTheRequestSource) {
     Bytes answer;
     EXPECT_EQ(Exchange({0x3E}, &answer), 0u);
     EXPECT_EQ(Hex(ecu.requests[0]), "81 10 F5 3E C4");
+}
+
+} // namespace
+
+// ---- on the bench: the emulated KWP2000 engine ECU with injected faults ------------------------
+
+namespace {
+
+using dv::bench::BenchTraceBytes;
+using dv::bench::BenchTraceOf;
+using dv::bench::Kwp2000Profile;
+using dv::bench::TraceKind;
+
+class KwpMessageBenchTest : public ::testing::Test {
+protected:
+    // Installs the engine ECU with the profile changed by `change`, starts a fast-init link
+    // (the ECU's request and message 1: StartCommunication) and forgets the log and trace.
+    template <typename Change> void Start(Change change) {
+        Kwp2000Profile profile = dv::bench::Kwp2000EngineProfile();
+        change(profile);
+        dv::bench::BenchInstall(dv::bench::MakeKwp2000Ecu(profile));
+        ASSERT_EQ(ConstructLibrary(3), 0u);
+        ASSERT_EQ(
+            DvIsoStartCommunication(reinterpret_cast<const DvChar *>(u"COM1"), 1, 0x10, nullptr),
+            0u);
+        dv::bench::BenchTraceClear();
+        LogCaptureReset();
+    }
+
+    void TearDown() override {
+        DvDestruct();
+        dv::bench::BenchUninstall();
+    }
+
+    static uint32_t Exchange(const Bytes &request, Bytes *answer) {
+        uint32_t length = 0;
+        uint8_t *data = nullptr;
+        const uint32_t result =
+            dv::IsoExchange(static_cast<uint32_t>(request.size()), request.data(), &length, &data);
+        if (result == 0) {
+            answer->assign(data, data + length);
+            dv::IsoReleaseResponseBuffer();
+        }
+        return result;
+    }
+
+    // The requests on the line (tester bytes), as hex text.
+    static std::string TesterBytes() { return Hex(BenchTraceBytes(TraceKind::TesterByte)); }
+
+    static std::vector<uint32_t> Sleeps() {
+        std::vector<uint32_t> ms;
+        for (const auto &entry : BenchTraceOf(TraceKind::Sleep)) {
+            if (entry.value != 1) {
+                ms.push_back(entry.value);
+            }
+        }
+        return ms;
+    }
+};
+
+struct BenchBadMessage {
+    const char *name;
+    void (*inject)(Kwp2000Profile &);
+    const char *line;
+};
+
+class KwpBenchBadMessageTest : public KwpMessageBenchTest,
+                               public ::testing::WithParamInterface<BenchBadMessage> {};
+
+// The ECU's second message (the answer to the first request) is bad: 12, logged, the line
+// drained, the request repeated and answered.
+TEST_P(KwpBenchBadMessageTest, BadAnswerIsRepeated) {
+    Start(GetParam().inject);
+    Bytes answer;
+    EXPECT_EQ(Exchange({0x3E}, &answer), 0u);
+    EXPECT_EQ(Hex(answer), "7E");
+    EXPECT_EQ(TesterBytes(), "81 10 F1 3E C0 81 10 F1 3E C0");
+    EXPECT_EQ(dv::IsoLinkState().repeats, 1u);
+    const std::string log = LogText();
+    const size_t bad = log.find(std::string("\r\n") + GetParam().line);
+    const size_t repeat = log.find("\r\n\r\nRepeating request\r\n\r\n");
+    ASSERT_NE(bad, std::string::npos) << log;
+    ASSERT_NE(repeat, std::string::npos);
+    EXPECT_LT(bad, repeat);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Part51, KwpBenchBadMessageTest,
+    ::testing::Values(
+        BenchBadMessage{"Checksum", [](Kwp2000Profile &p) { p.faults.badChecksumMessage = 2; },
+                        "Bad ECU message checksum : '01' vs '00'"},
+        BenchBadMessage{"TargetAddress", [](Kwp2000Profile &p) { p.faults.wrongTargetMessage = 2; },
+                        "Bad ECU target address : 'F0' vs 'F1'"},
+        BenchBadMessage{"Addressing",
+                        [](Kwp2000Profile &p) { p.faults.wrongAddressModeMessage = 2; },
+                        "Bad ECU addressing : '01'"},
+        BenchBadMessage{"BlockSize", [](Kwp2000Profile &p) { p.faults.wrongSizeMessage = 2; },
+                        "Bad ECU block size : '02'"}),
+    [](const ::testing::TestParamInfo<BenchBadMessage> &info) { return info.param.name; });
+
+TEST_F(KwpMessageBenchTest, SilentEcuGives8AfterThreeRequests) {
+    Start([](Kwp2000Profile &p) {
+        p.faults.silentRequest = 2;
+        p.faults.silentCount = 3;
+    });
+    Bytes answer;
+    EXPECT_EQ(Exchange({0x3E}, &answer), 8u);
+    EXPECT_EQ(TesterBytes(), "81 10 F1 3E C0 81 10 F1 3E C0 81 10 F1 3E C0");
+    EXPECT_EQ(Count3(LogText(), "\r\nNo ECU data"), 3u);
+    EXPECT_EQ(dv::IsoLinkState().repeats, 2u);
+}
+
+TEST_F(KwpMessageBenchTest, ResponsePendingAnswersAreSkipped) {
+    Start([](Kwp2000Profile &p) {
+        p.faults.pendingRequest = 2;
+        p.faults.pendingCount = 2;
+        p.faults.pendingGap = 1500;
+    });
+    Bytes answer;
+    EXPECT_EQ(Exchange({0x21, 0x01}, &answer), 0u);
+    EXPECT_EQ(answer.size(), 14u);
+    EXPECT_EQ(Hex(Bytes(answer.begin(), answer.begin() + 2)), "61 01");
+    EXPECT_EQ(Count3(LogText(), "\r\nExtending message timeout"), 2u);
+    EXPECT_EQ(dv::IsoLinkState().repeats, 0u);
+}
+
+TEST_F(KwpMessageBenchTest, RoutineNotCompleteIsSentAgainAfter2445ms) {
+    Start([](Kwp2000Profile &p) {
+        p.faults.busyRequest = 2;
+        p.faults.busyCodes = {0x23};
+    });
+    Bytes answer;
+    EXPECT_EQ(Exchange({0x31, 0xB8, 0x00, 0x00}, &answer), 0u);
+    EXPECT_EQ(Hex(Bytes(answer.begin(), answer.begin() + 2)), "71 B8");
+    EXPECT_EQ(Sleeps(), std::vector<uint32_t>{2445});
+    EXPECT_EQ(dv::IsoLinkState().servicesRequested, 3u); // StartCommunication and two answers
+}
+
+TEST_F(KwpMessageBenchTest, ThirtyTwoMessagesGive7) {
+    Start([](Kwp2000Profile &p) { p.maxMessageData = 2; });
+    Bytes answer;
+    EXPECT_EQ(Exchange({0x1A, 0x9B}, &answer), 7u);
+    EXPECT_NE(LogText().find("\r\nToo many ECU messages"), std::string::npos);
+    EXPECT_EQ(dv::IsoLinkState().response.inUse, 0);
+}
+
+TEST_F(KwpMessageBenchTest, JoinedAnswerOfSeveralMessages) {
+    Start([](Kwp2000Profile &p) { p.maxMessageData = 4; });
+    Bytes answer;
+    EXPECT_EQ(Exchange({0x21, 0x01}, &answer), 0u);
+    // 61 01 and 12 element bytes, sent as 61 01 xx xx, 61 xx xx xx, ...: joined again.
+    ASSERT_EQ(answer.size(), 14u);
+    EXPECT_EQ(Hex(answer), "61 01 01 C8 23 05 0A B6 0B 0A 80 10 5B 40");
 }
 
 } // namespace
