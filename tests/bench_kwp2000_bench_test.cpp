@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "bench/bench.h"
@@ -422,6 +423,143 @@ TEST_F(Kwp2000LinkTest, FaultWrongSize) {
     dvtest::LogCaptureReset();
     EXPECT_EQ(Exchange({0x3E}), 0u);
     EXPECT_NE(Log().find("Bad ECU block size : '02'"), std::string::npos);
+}
+
+} // namespace
+} // namespace dv::bench
+
+namespace dv::bench {
+namespace {
+
+// ---- the exports of Parts 5.2-6.3 against the engine ------------------------------------------
+
+std::u16string Text(const DvChar *text) {
+    return text == nullptr ? u"" : std::u16string(reinterpret_cast<const char16_t *>(text));
+}
+
+class Kwp2000SessionTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        ASSERT_TRUE(BenchInstall("kwp2000-engine"));
+        ASSERT_EQ(dvtest::ConstructLibrary(2), 0u);
+        uint32_t keepAlive = 0;
+        ASSERT_EQ(DvVagIsoStartCommunication(reinterpret_cast<const DvChar *>(u"COM1"), 1, 0x01,
+                                             &keepAlive),
+                  0u);
+    }
+    void TearDown() override {
+        DvIsoStopCommunication();
+        DvDestruct();
+        BenchUninstall();
+    }
+    // A fresh array of values from one of the value services.
+    std::vector<std::pair<int, int32_t>> Values(uint32_t result, uint32_t count,
+                                                MeasuringValue *values,
+                                                std::vector<std::u16string> *texts = nullptr) {
+        EXPECT_EQ(result, 0u);
+        std::vector<std::pair<int, int32_t>> out;
+        for (uint32_t i = 0; values != nullptr && i < count; ++i) {
+            out.emplace_back(values[i].kind, values[i].value);
+            if (texts != nullptr)
+                texts->push_back(Text(values[i].text));
+            DvFree(values[i].text);
+        }
+        DvFree(values);
+        return out;
+    }
+    std::vector<std::pair<int, int32_t>> ActuatorData() {
+        uint32_t count = 0;
+        MeasuringValue *values = nullptr;
+        const uint32_t result = DvVagIsoReadActuatorData(&count, &values);
+        return Values(result, count, values);
+    }
+    std::vector<std::tuple<uint32_t, uint16_t, uint8_t>> Dtcs(uint32_t status, uint32_t group) {
+        uint32_t count = 0;
+        DtcEntry *entries = nullptr;
+        EXPECT_EQ(DvVagIsoReadDtcByStatusExtended(status, group, &count, &entries), 0u);
+        std::vector<std::tuple<uint32_t, uint16_t, uint8_t>> out;
+        for (uint32_t i = 0; entries != nullptr && i < count; ++i)
+            out.emplace_back(entries[i].index, entries[i].code, entries[i].status);
+        DvFree(entries);
+        return out;
+    }
+};
+
+TEST_F(Kwp2000SessionTest, IdentificationAndCapabilities) {
+    EXPECT_EQ(DvVagIsoStartDiagnosticSession(1), 0u); // 10 89
+    EcuIdentification id{};
+    ASSERT_EQ(DvVagIsoReadEcuIdentificationGeneral(&id), 0u);
+    EXPECT_EQ(Text(id.partNumber), u"06A906032HN ");
+    EXPECT_EQ(Text(id.componentText), u"1.8L R4/5VT     G   ");
+    EXPECT_EQ(id.coding, 31u);
+    EXPECT_EQ(id.workshopCode, 12345u);
+    EXPECT_EQ(id.extraCode, 0x155u);
+    DvFree(id.partNumber);
+    DvFree(id.componentText);
+    uint32_t mask = 0;
+    EXPECT_EQ(DvVagIsoReadCapabilities(&mask), 0u);
+    EXPECT_EQ(mask, 5u);
+}
+
+TEST_F(Kwp2000SessionTest, StandardServices) {
+    EXPECT_EQ(DvIsoStartDiagnosticSession(1), 0x112u); // the engine has no session 0x82
+    EXPECT_EQ(DvIsoStartDiagnosticSession(2), 0u);     // 0x85
+    EXPECT_EQ(DvIsoTesterPresent(), 0u);
+    EXPECT_EQ(DvIsoTesterPresentExtended(1), 0u);
+    EXPECT_EQ(DvIsoTesterPresentExtended(0), 0u);
+    EXPECT_EQ(DvIsoStopDiagnosticSession(), 0u);
+    uint32_t count = 0;
+    uint16_t *codes = nullptr;
+    ASSERT_EQ(DvIsoReadDtc(&count, &codes), 0u);
+    ASSERT_EQ(count, 3u);
+    EXPECT_EQ(std::vector<uint16_t>(codes, codes + count),
+              (std::vector<uint16_t>{0x4066, 0x412C, 0x4575}));
+    DvFree(codes);
+    EXPECT_EQ(DvIsoClearDiagnosticInformation(), 0u);
+    codes = nullptr;
+    ASSERT_EQ(DvIsoReadDtc(&count, &codes), 0u);
+    EXPECT_EQ(count, 0u);
+    EXPECT_EQ(codes, nullptr);
+}
+
+TEST_F(Kwp2000SessionTest, TroubleCodesAndFreezeFrames) {
+    using Dtc = std::tuple<uint32_t, uint16_t, uint8_t>;
+    EXPECT_EQ(Dtcs(0, 0), (std::vector<Dtc>{{0, 0x4066, 4}, {0, 0x412C, 3}, {0, 0x4575, 8}}));
+    EXPECT_EQ(Dtcs(2, 0), (std::vector<Dtc>{{0, 0x4066, 4}, {0, 0x4575, 8}}));
+    uint32_t count = 0;
+    MeasuringValue *values = nullptr;
+    uint32_t result = DvVagIsoReadFreezeFrameDataByDtc(0x4066, &count, &values);
+    EXPECT_EQ(Values(result, count, values),
+              (std::vector<std::pair<int, int32_t>>{{1, 8000}, {5, 820}, {11, 1022}, {16, 23360}}));
+    EXPECT_EQ(DvVagIsoReadFreezeFrameDataByDtc(0x412C, &count, &values), 0x131u);
+    EXPECT_EQ(DvVagIsoClearDiagnosticInformationExtended(0x4066), 0u);
+    EXPECT_EQ(Dtcs(0, 0), (std::vector<Dtc>{{0, 0x412C, 3}, {0, 0x4575, 8}}));
+    EXPECT_EQ(DvVagIsoReadFreezeFrameDataByDtc(0x4066, &count, &values), 0x131u);
+}
+
+TEST_F(Kwp2000SessionTest, LocalIdData) {
+    uint32_t count = 0;
+    MeasuringValue *values = nullptr;
+    std::vector<std::u16string> texts;
+    const uint32_t result = DvVagIsoReadDataByLocalId(3, &count, &values);
+    EXPECT_EQ(Values(result, count, values, &texts),
+              (std::vector<std::pair<int, int32_t>>{{0x5F, 0}, {1, 14000}}));
+    EXPECT_EQ(texts, (std::vector<std::u16string>{u"Idle", u""}));
+    values = nullptr;
+    EXPECT_EQ(DvVagIsoReadDataByLocalId(9, &count, &values), 0x131u);
+}
+
+TEST_F(Kwp2000SessionTest, ActuatorTest) {
+    using V = std::vector<std::pair<int, int32_t>>;
+    EXPECT_EQ(DvVagIsoTestActuator(0), 0u);
+    EXPECT_EQ(ActuatorData(), (V{{16, 1262}}));
+    EXPECT_EQ(DvVagIsoTestActuator(1), 0u);
+    EXPECT_EQ(ActuatorData(), (V{{1, 0}, {52, 250}, {18, 3774}, {2, 1024}}));
+    EXPECT_EQ(DvVagIsoTestActuator(1), 0u);
+    EXPECT_EQ(ActuatorData(), (V{{16, 1264}}));
+    EXPECT_EQ(DvVagIsoTestActuator(1), 0u);
+    EXPECT_EQ(DvVagIsoTestActuator(1), 0u);
+    EXPECT_EQ(DvVagIsoTestActuator(1), 0x122u); // past the last actuator: the end of the test
 }
 
 } // namespace
