@@ -250,6 +250,31 @@ TEST_F(Kwp2000LinkTest, FastConnectExchangeAndStop) {
     EXPECT_EQ(BenchTraceBytes(TraceKind::EcuHears).back(), Sum({0x81, 0x10, 0xF1, 0x82}));
 }
 
+TEST_F(Kwp2000LinkTest, MultiMessageAnswerIsJoinedBehindOneServiceId) {
+    Kwp2000Profile profile = Kwp2000EngineProfile();
+    profile.maxMessageData = 6;
+    BenchInstall(MakeKwp2000Ecu(profile));
+    ASSERT_EQ(dvtest::ConstructLibrary(3), 0u);
+    ASSERT_EQ(Start(1), 0u);
+    const size_t before = BenchTraceOf(TraceKind::EcuByte).size();
+    Bytes answer;
+    EXPECT_EQ(Exchange({0x21, 0x01}, &answer), 0u);
+    EXPECT_EQ(answer, (Bytes{0x61, 0x01, 0x01, 0xC8, 0x23, 0x05, 0x0A, 0xB6, 0x0B, 0x0A, 0x80, 0x10,
+                             0x5B, 0x40}));
+    // Three messages on the line: 3 + 6 + 1, 3 + 6 + 1 and 3 + 4 + 1 bytes.
+    EXPECT_EQ(BenchTraceOf(TraceKind::EcuByte).size() - before, 28u);
+}
+
+TEST_F(Kwp2000LinkTest, ThirtyTwoMessagesAreTooMany) {
+    Kwp2000Profile profile = Kwp2000EngineProfile();
+    profile.maxMessageData = 2; // the service id and one byte a message
+    BenchInstall(MakeKwp2000Ecu(profile));
+    ASSERT_EQ(dvtest::ConstructLibrary(3), 0u);
+    ASSERT_EQ(Start(1), 0u);
+    EXPECT_EQ(Exchange({0x1A, 0x9B}), 7u);
+    EXPECT_NE(Log().find("Too many ECU messages"), std::string::npos);
+}
+
 TEST_F(Kwp2000LinkTest, LostKeyByteIsOfferedAgain) {
     Install();
     BenchFault().DropEcuByte(2); // key byte 1 of the first offer
