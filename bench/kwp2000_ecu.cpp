@@ -602,7 +602,7 @@ Bytes Kwp2000Ecu::StartRoutine(const Bytes &request) {
 // The test selects each actuator, runs it on the next step and moves on on the one after; a
 // step past the last actuator, or a step or read without a test, is refused.
 Bytes Kwp2000Ecu::Actuator(uint8_t routine) {
-    const Bytes echo{0x71, routine, 0x01, 0x02};
+    Bytes echo{0x71, routine, 0x01, 0x02};
     if (routine == 0xB8) {
         if (profile_.actuators.empty() ||
             (profile_.actuatorSession != 0 && session_ != profile_.actuatorSession))
