@@ -118,12 +118,3 @@ void KwNextCounter(uint8_t received) {
 }
 
 } // namespace dv
-
-namespace dv {
-
-// The measurement group list of Part 4.6 belongs to the measurements module; until it is part
-// of the library there is no list to clear or free.
-void KwClearGroupList() {}
-void KwFreeGroupList() {}
-
-} // namespace dv
