@@ -528,4 +528,34 @@ TEST_F(BenchMeasurements, CloseReestablishesOnceWhenTheAnswerIsLost) {
     EXPECT_TRUE(LogHas("\r\nReestablishing connection\r\n"));
 }
 
+TEST_F(BenchMeasurements, DisconnectFreesAndConnectClearsTheCurveTable) {
+    Read(0, 3);
+    ASSERT_EQ(dv::MeasurementCurveCount(), 4u);
+    DvVagDisconnect();
+    EXPECT_EQ(dv::MeasurementCurveCount(), 0u);
+    auto *entry = static_cast<dv::MeasurementCurve *>(std::malloc(sizeof(dv::MeasurementCurve)));
+    *entry = {128, 1, 0, nullptr};
+    dv::SetMeasurementCurveTable(entry, 1);
+    DvChar **descriptions = nullptr;
+    uint32_t interval = 0;
+    ASSERT_EQ(DvVagConnect(reinterpret_cast<const DvChar *>(u"COM1"), 10400, 0x01, &descriptions,
+                           &interval),
+              0u);
+    for (DvChar **d = descriptions; *d != nullptr; ++d) {
+        DvFree(*d);
+    }
+    DvFree(descriptions);
+    EXPECT_EQ(dv::MeasurementCurveCount(), 0u);
+}
+
+TEST_F(Measurements, CloseReturnsAFailedExchangeSectionAsIs) {
+    Ecu().answers = {{0x02, 128, 2, 0}, {0xF4, 1}};
+    ASSERT_EQ(DvVagGetGroupMeasurements(0, 4, &count, &values), 0u);
+    const size_t requests = Ecu().requests.size();
+    Fake().Fail(FakeCall::GetPriority, Fake().CallCount(FakeCall::GetPriority) + 1, 5);
+    EXPECT_EQ(DvVagCloseGroupMeasurements(), 1u);
+    EXPECT_EQ(dv::MeasurementCurveCount(), 0u); // freed before the section
+    EXPECT_EQ(Ecu().requests.size(), requests);
+}
+
 } // namespace
