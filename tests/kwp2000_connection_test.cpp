@@ -410,6 +410,28 @@ TEST_F(KwpConnectionTest, SlowConnectOtherFailureSleeps3000AndReturnsAtOnce) {
     EXPECT_FALSE(Fake().portOpen);
 }
 
+TEST_F(KwpConnectionTest, SlowConnectFailedExchangeBeginClosesThePort) {
+    Fake().Fail(FakeCall::GetPriority, 1, 5);
+    EXPECT_EQ(DvIsoStartCommunication(Port(), 0, 0x01, nullptr), 1u);
+    EXPECT_EQ(Fake().EventsOf(FakeEvent::Kind::Close).size(), 1u);
+    EXPECT_TRUE(Fake().EventsOf(FakeEvent::Kind::Escape).empty());
+}
+
+TEST_F(KwpConnectionTest, FastConnectFailedWakeUpSleeps600AndCloses) {
+    Fake().Fail(FakeCall::Escape, 1, 31);
+    EXPECT_EQ(DvIsoStartCommunication(Port(), 1, 0x10, nullptr), 5u);
+    EXPECT_EQ(Sleeps(), (std::vector<uint32_t>{50, 600}));
+    EXPECT_FALSE(Fake().portOpen);
+}
+
+TEST_F(KwpConnectionTest, FastConnectFailedReadSleeps600AndCloses) {
+    ecu.replies.push_back({{25, EcuMessage({0xC1, 0xDF, 0x8F})}});
+    Fake().Fail(FakeCall::Read, 3, 31); // wake-up echo, message echo, then the answer
+    EXPECT_EQ(DvIsoStartCommunication(Port(), 1, 0x10, nullptr), 5u);
+    EXPECT_EQ(Sleeps(), (std::vector<uint32_t>{50, 600}));
+    EXPECT_FALSE(Fake().portOpen);
+}
+
 TEST_F(KwpConnectionTest, SlowConnectMissingPortGives5) {
     Fake().missingPorts.push_back(u"COM9");
     EXPECT_EQ(DvIsoStartCommunication(Port(u"COM9"), 0, 0x01, nullptr), 5u);
@@ -846,6 +868,44 @@ TEST_F(KwpConnectionTest, RestoreSessionSilenceReinitialisesAgain) {
     EXPECT_EQ(Hex(ecu.requests[4]), "81 10 F1 81 03");
     EXPECT_EQ(Sleeps(), (std::vector<uint32_t>{545, 545}));
     EXPECT_EQ(dv::IsoLinkState().restarts, 1u);
+}
+
+TEST_F(KwpConnectionTest, RestoreSessionSilenceAtTheLimitSleeps545) {
+    DvSettings settings{};
+    DvGetSettings(&settings);
+    settings.isoConnectAttempts = 1;
+    ASSERT_EQ(DvSetSettings(&settings), 0u);
+    Connected(1);
+    dv::IsoLinkState().sessionMode = 0x89;
+    ecu.replies.push_back({{25, EcuMessage({0xC1, 0xDF, 0x8F})}});
+    EXPECT_EQ(dv::IsoRestartCommunication(), 8u);
+    EXPECT_EQ(ecu.requests.size(), 4u); // StartCommunication, the session request three times
+    EXPECT_EQ(Sleeps(), (std::vector<uint32_t>{545, 545}));
+    EXPECT_EQ(dv::IsoLinkState().restarts, 0u);
+}
+
+TEST_F(KwpConnectionTest, FastRestartFailedInitSleeps600) {
+    Connected(1);
+    Fake().Fail(FakeCall::Escape, 1, 31);
+    EXPECT_EQ(dv::IsoRestartCommunication(), 5u);
+    EXPECT_EQ(Sleeps(), (std::vector<uint32_t>{545, 600}));
+    EXPECT_TRUE(Fake().portOpen);
+}
+
+TEST_F(KwpConnectionTest, FastRestartFailedExchangeBeginIsReturned) {
+    Connected(1);
+    Fake().Fail(FakeCall::GetPriority, 1, 5);
+    EXPECT_EQ(dv::IsoRestartCommunication(), 1u);
+    EXPECT_TRUE(Fake().EventsOf(FakeEvent::Kind::Escape).empty());
+}
+
+TEST_F(KwpConnectionTest, SlowRestartOtherFailureSleeps3000) {
+    Connected(0);
+    Fake().Fail(FakeCall::Escape, 1, 31);
+    EXPECT_EQ(dv::IsoRestartCommunication(), 5u);
+    EXPECT_EQ(Sleeps(), (std::vector<uint32_t>{2945, 3000}));
+    EXPECT_TRUE(Fake().portOpen);
+    EXPECT_EQ(dv::IsoLinkState().restarts, 0u);
 }
 
 TEST_F(KwpConnectionTest, SlowRestartReinitialisesWithTheInitAddress) {
