@@ -34,7 +34,9 @@ bool PortCall(FakeCall call, PortHandle port) {
     return true;
 }
 
-void Record(FakeEvent event) { gFake.events.push_back(std::move(event)); }
+void Record(FakeEvent event) {
+    gFake.events.push_back(std::move(event));
+}
 
 bool CounterFrequency(int64_t *frequency) {
     if (Fails(FakeCall::CounterFrequency) || !gFake.hasCounter) {
@@ -44,9 +46,13 @@ bool CounterFrequency(int64_t *frequency) {
     return true;
 }
 
-int64_t CounterNow() { return gFake.now; }
+int64_t CounterNow() {
+    return gFake.now;
+}
 
-uint32_t TickCount() { return static_cast<uint32_t>(gFake.now / kFakeTicksPerMs); }
+uint32_t TickCount() {
+    return static_cast<uint32_t>(gFake.now / kFakeTicksPerMs);
+}
 
 void Sleep(uint32_t ms) {
     Record({FakeEvent::Kind::Sleep, gFake.now, {}, ms});
@@ -240,12 +246,12 @@ bool PortRead(PortHandle port, uint8_t *buffer, uint32_t count, uint32_t *got) {
         return false;
     }
     const CommTimeouts &t = gFake.timeouts;
-    const bool immediate = t.readInterval == 0xFFFFFFFF && t.readMultiplier == 0 &&
-                           t.readConstant == 0;
+    const bool immediate =
+        t.readInterval == 0xFFFFFFFF && t.readMultiplier == 0 && t.readConstant == 0;
     const bool hasTotal = t.readMultiplier != 0 || t.readConstant != 0;
     const int64_t deadline =
-        gFake.now + (static_cast<int64_t>(t.readMultiplier) * count + t.readConstant) *
-                        kFakeTicksPerMs;
+        gFake.now +
+        (static_cast<int64_t>(t.readMultiplier) * count + t.readConstant) * kFakeTicksPerMs;
     const int64_t interval = static_cast<int64_t>(t.readInterval) * kFakeTicksPerMs;
     int64_t cursor = gFake.now;
     FakeEvent event{FakeEvent::Kind::Read, gFake.now, {}, count};
@@ -307,14 +313,16 @@ bool PortClose(PortHandle port) {
     return true;
 }
 
-uint32_t LastError() { return gFake.lastError; }
+uint32_t LastError() {
+    return gFake.lastError;
+}
 
 constexpr Platform kFakePlatform = {
-    CounterFrequency, CounterNow,     TickCount,      Sleep,         SpinUntil,
-    GetThreadPriority, SetThreadPriority, AnsiToWide, SeedRandom,    Random,
-    PortOpen,         PortGetState,   PortSetState,   PortGetTimeouts, PortSetTimeouts,
-    PortSetMask,      PortSetupQueues, PortPurge,     PortEscape,    PortClearError,
-    PortRead,         PortWrite,      PortClose,      LastError,
+    CounterFrequency,  CounterNow,        TickCount,    Sleep,           SpinUntil,
+    GetThreadPriority, SetThreadPriority, AnsiToWide,   SeedRandom,      Random,
+    PortOpen,          PortGetState,      PortSetState, PortGetTimeouts, PortSetTimeouts,
+    PortSetMask,       PortSetupQueues,   PortPurge,    PortEscape,      PortClearError,
+    PortRead,          PortWrite,         PortClose,    LastError,
 };
 
 } // namespace
@@ -353,15 +361,21 @@ std::vector<uint8_t> FakeLine::Written() const {
     return result;
 }
 
-FakeLine &Fake() { return gFake; }
+FakeLine &Fake() {
+    return gFake;
+}
 
 void FakeInstall() {
     gFake = FakeLine{};
     PlatformInstall(&kFakePlatform);
 }
 
-void FakeUninstall() { PlatformInstall(nullptr); }
+void FakeUninstall() {
+    PlatformInstall(nullptr);
+}
 
-const Platform &FakePlatform() { return kFakePlatform; }
+const Platform &FakePlatform() {
+    return kFakePlatform;
+}
 
 } // namespace dv::bench

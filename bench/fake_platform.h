@@ -45,7 +45,7 @@ enum class FakeCall : int {
 };
 
 struct FakeInput {
-    int64_t at;    // virtual counter value at which the byte is in the receive queue
+    int64_t at; // virtual counter value at which the byte is in the receive queue
     uint8_t value;
 };
 
@@ -61,8 +61,8 @@ struct FakeEvent {
 };
 
 struct FakeFailure {
-    int nth = 0;         // 1-based call number of its kind that fails; 0 = none
-    uint32_t error = 0;  // the platform error value reported for it
+    int nth = 0;        // 1-based call number of its kind that fails; 0 = none
+    uint32_t error = 0; // the platform error value reported for it
 };
 
 // The state of the fake platform: public, so tests script and inspect it directly.
