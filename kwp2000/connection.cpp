@@ -275,11 +275,9 @@ uint32_t FastInitLoop(uint8_t address, bool reconnect, Attempts &attempts, uint3
         }
         LogMessage(1, u"Retrying to connect to ECU");
         SleepMs(550);
-        if (reconnect) {
-            ExchangeEnd();
-        }
         ++link.repeats;
         if (reconnect) {
+            ExchangeEnd();
             const uint32_t begun = ExchangeBegin();
             if (begun != 0) {
                 return begun;
