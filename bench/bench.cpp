@@ -590,8 +590,11 @@ bool PortRead(PortHandle port, uint8_t *buffer, uint32_t count, uint32_t *got) {
                  : kNever;
     const int64_t interval = static_cast<int64_t>(t.readInterval) * kFakeTicksPerMs;
     int64_t last = start;
+    // On the real clock the model may have run past a limit while the tester slept: bytes that
+    // arrived after it belong to the next read.
+    int64_t cutoff = kNever;
     while (*got < count) {
-        if (!b.rx.empty()) {
+        if (!b.rx.empty() && b.rx.front().at <= cutoff) {
             last = std::max(last, b.rx.front().at);
             buffer[(*got)++] = b.rx.front().value;
             b.rx.pop_front();
@@ -610,7 +613,8 @@ bool PortRead(PortHandle port, uint8_t *buffer, uint32_t count, uint32_t *got) {
         }
         if (next > limit) {
             b.WaitUntil(limit);
-            if (b.rx.empty()) {
+            cutoff = limit;
+            if (b.rx.empty() || b.rx.front().at > cutoff) {
                 break;
             }
         } else {
