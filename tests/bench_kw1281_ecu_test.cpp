@@ -580,9 +580,10 @@ TEST_F(Kw1281EcuTest, WrongComplementFromTheTesterMakesTheEcuResend) {
 TEST_F(Kw1281EcuTest, FaultWrongSyncAndKeywordBytes) {
     InstallEngine();
     ecu_->faults.syncByte = 0x54;
+    ecu_->faults.keyword1 = 0x07;
     ecu_->faults.keyword2 = 0x05;
     tester_.SendAddress(0x01);
-    EXPECT_EQ(tester_.ReadInit(), (Bytes{0x54, 0x01, 0x05}));
+    EXPECT_EQ(tester_.ReadInit(), (Bytes{0x54, 0x07, 0x05}));
     // The ECU then waits for the complement of the keyword it sent.
     tester_.Complement(0x05);
     EXPECT_TRUE(ecu_->LinkUp());
