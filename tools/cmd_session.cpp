@@ -84,6 +84,20 @@ std::string GroupName(const SessionOptions &options, uint32_t group) {
     return (options.useKwp ? "Local id " : "Group ") + std::to_string(group);
 }
 
+// The log's lines begin and end with line ends of their own; shown as text, one blank line
+// between paragraphs is enough.
+std::string SqueezeBlankLines(const std::string &text) {
+    std::string out;
+    for (char c : text) {
+        if (c == '\n' &&
+            (out.empty() || (out.size() >= 2 && out.compare(out.size() - 2, 2, "\n\n") == 0))) {
+            continue;
+        }
+        out += c;
+    }
+    return out;
+}
+
 int RunScan(const SessionOptions &options) {
     Library library(options.common);
     if (library.status() != 0) {
@@ -172,15 +186,33 @@ int RunScan(const SessionOptions &options) {
     }
 
     if (code == 0 && !Interrupted()) {
-        Sample sample;
-        code = ReadPass(options, sample);
+        // A group the ECU does not have is refused (256, or a negative KWP2000 answer): shown as
+        // such, not a failure of the scan.
         Json groups = Json::array();
-        for (size_t i = 0; code == 0 && i < sample.groups.size(); ++i) {
-            groups.push_back(
-                {{"group", options.groups[i]}, {"values", ReadingsJson(sample.groups[i])}});
+        for (uint32_t group : options.groups) {
+            if (Interrupted()) {
+                break;
+            }
+            std::vector<Reading> readings;
+            const uint32_t groupCode = options.useKwp
+                                           ? KwpReadLocalId(group, readings)
+                                           : KwReadGroup(0, static_cast<uint8_t>(group), readings);
+            if (groupCode >= 256) {
+                groups.push_back({{"group", group}, {"refused", groupCode}});
+                if (text) {
+                    std::printf("\n%s: not available (%s)\n", GroupName(options, group).c_str(),
+                                ExplainResult(groupCode).c_str());
+                }
+                continue;
+            }
+            if (groupCode != 0) {
+                code = groupCode;
+                break;
+            }
+            groups.push_back({{"group", group}, {"values", ReadingsJson(readings)}});
             if (text) {
-                std::printf("\n%s:\n", GroupName(options, options.groups[i]).c_str());
-                PrintReadings(sample.groups[i]);
+                std::printf("\n%s:\n", GroupName(options, group).c_str());
+                PrintReadings(readings);
             }
         }
         out[options.useKwp ? "localIds" : "groups"] = groups;
@@ -198,7 +230,7 @@ int RunScan(const SessionOptions &options) {
         return ReportFailure("scan", code);
     }
     if (text) {
-        std::printf("%s", report.c_str());
+        std::printf("\n%s", SqueezeBlankLines(report).c_str());
     } else {
         PrintJson(out);
     }

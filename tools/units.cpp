@@ -233,8 +233,15 @@ Json ReadingsJson(const std::vector<Reading> &readings) {
 
 void PrintReadings(const std::vector<Reading> &readings) {
     for (size_t i = 0; i < readings.size(); ++i) {
-        std::printf("  %zu: %-24s (formula %u, value %d)\n", i + 1,
-                    FormatValue(readings[i]).c_str(), readings[i].kind, readings[i].value);
+        std::string shown = FormatValue(readings[i]);
+        // Pad by characters, not bytes, so that units such as "°C" line up.
+        size_t width = 0;
+        for (char c : shown) {
+            width += (static_cast<unsigned char>(c) & 0xC0) != 0x80 ? 1 : 0;
+        }
+        shown.append(width < 24 ? 24 - width : 0, ' ');
+        std::printf("  %zu: %s (formula %u, value %d)\n", i + 1, shown.c_str(), readings[i].kind,
+                    readings[i].value);
     }
 }
 
