@@ -158,16 +158,12 @@ std::string FaultText(const Fault &fault) {
     const char *elaboration = fault.elaboration < sizeof kElaborations / sizeof kElaborations[0]
                                   ? kElaborations[fault.elaboration]
                                   : nullptr;
-    std::string codeText = name != nullptr ? std::string(" ") + name : std::string();
-    char elaborationText[64];
-    if (elaboration != nullptr) {
-        std::snprintf(elaborationText, sizeof elaborationText, "%02u-%s", fault.elaboration,
-                      elaboration);
-    } else {
-        std::snprintf(elaborationText, sizeof elaborationText, "%02u", fault.elaboration);
-    }
-    std::snprintf(text, sizeof text, "%05u -%s: %s%s", fault.code, codeText.c_str(),
-                  elaborationText, fault.intermittent ? " - Intermittent" : "");
+    std::string codeText = name != nullptr ? std::string(" - ") + name : std::string();
+    // "-" marks an elaboration with no meaning of its own: the number alone is shown.
+    const bool named = elaboration != nullptr && std::string(elaboration) != "-";
+    std::snprintf(text, sizeof text, "%05u%s: %02u%s%s%s", fault.code, codeText.c_str(),
+                  fault.elaboration, named ? " " : "", named ? elaboration : "",
+                  fault.intermittent ? " - Intermittent" : "");
     return text;
 }
 
