@@ -75,12 +75,14 @@ uint32_t ReadKeyword(uint16_t *keyword) {
         return code;
     }
     *keyword = static_cast<uint16_t>(second << 8 | first);
-    if (*keyword != kKeyword8A01 && *keyword != kKeyword0501 && *keyword != kKwSlowKeyword) {
+    // 0x8089 is accepted without being named, in the refusal and in the confirmation alike.
+    if (*keyword == kKeyword8A01 || *keyword == kKeyword0501) {
+        LogMessage(3, u"Keyword Bytes are Ok\r\n");
+    } else if (*keyword != kKwSlowKeyword) {
         LogMessage(1, u"Bad Keyword Bytes: '%04X' vs '%04X' or '%04X'\r\n", *keyword, kKeyword8A01,
                    kKeyword0501);
         return 10;
     }
-    LogMessage(3, u"Keyword Bytes are Ok\r\n");
     DelayMs(kComplementGapMs);
     const uint8_t complement = static_cast<uint8_t>(second ^ 0xFF);
     if (const uint32_t code = KwSendByte(1, &complement); code != 0) {
