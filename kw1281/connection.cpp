@@ -144,6 +144,18 @@ uint32_t ConnectWithRetries(KwStep attempt) {
     }
 }
 
+// The results of a connect for the host; what it gave no place for is freed.
+void HandOver(DvChar **result, DvChar ***descriptions, uint32_t *interval) {
+    if (descriptions != nullptr) {
+        *descriptions = result;
+    } else {
+        KwFreeDescriptions(result);
+    }
+    if (interval != nullptr) {
+        *interval = KwSettingsInForce().blockTimeout;
+    }
+}
+
 uint32_t ConnectSimulator(uint32_t baud, DvChar ***descriptions, uint32_t *interval) {
     SleepMs(kSimulatorConnectMs);
     if (baud != kKwSimulatorBaud) {
@@ -156,13 +168,12 @@ uint32_t ConnectSimulator(uint32_t baud, DvChar ***descriptions, uint32_t *inter
     if (result == nullptr) {
         return kKwNoMemory;
     }
-    *descriptions = result;
+    HandOver(result, descriptions, interval);
     KwConnectionData &connection = KwConnection();
     connection.lastSimulatedExchange = TickCount();
     connection.address = SIMULATOR_ADDRESS;
     LogMessage(2, u"\r\nConnected successfully\r\n");
     connection.state = KwLinkState::Connected;
-    *interval = KwSettingsInForce().blockTimeout;
     return 0;
 }
 
@@ -197,8 +208,7 @@ uint32_t ConnectEcu(const char16_t *port, uint32_t baud, uint8_t address, DvChar
     connection.address = address;
     LogMessage(2, u"\r\nConnected successfully\r\n");
     connection.state = KwLinkState::Connected;
-    *interval = KwSettingsInForce().blockTimeout;
-    *descriptions = result;
+    HandOver(result, descriptions, interval);
     return 0;
 }
 

@@ -16,10 +16,10 @@ struct FaultList {
     uint32_t capacity = 0;
 
     bool Reserve(uint32_t total) {
-        if (total <= capacity) {
+        const uint32_t grown = KwFaultCapacity(capacity, total);
+        if (grown == capacity) {
             return true;
         }
-        const uint32_t grown = (total / 8 + 1) * 8;
         auto *bigger =
             static_cast<FaultRecord *>(std::realloc(records, grown * sizeof(FaultRecord)));
         if (bigger == nullptr) {
@@ -95,6 +95,11 @@ uint32_t ReceiveFaultBlocks(FaultList *list) {
 }
 
 } // namespace
+
+uint32_t KwFaultCapacity(uint32_t capacity, uint32_t total) {
+    return total <= capacity ? capacity : (total / 8 + 1) * 8;
+}
+
 } // namespace dv
 
 using namespace dv;

@@ -34,8 +34,10 @@ constexpr uint8_t kKwTitleFaults = 0xFC;
 constexpr uint8_t kKwEndByte = 0x03;
 constexpr uint16_t kKwSlowKeyword = 0x8089; // doubles the pause after a received block
 
-// The code for a failed heap allocation, which the Parts leave open (docs/deviations.md).
-constexpr uint32_t kKwNoMemory = 1;
+// The code for a failed heap allocation, which the Parts leave open (docs/deviations.md): that of
+// a failing platform call.
+constexpr uint32_t kKwNoMemory = 5;
+
 // ---- Part 3.3: connection data -----------------------------------------------------------------
 
 constexpr uint8_t SIMULATOR_ADDRESS = 0x80;
@@ -196,6 +198,9 @@ uint32_t KwRunService(uint32_t simulatorDelayMs, KwStep simulate, std::span<cons
 // descriptions. `descriptions` may be null (the result is then freed).
 uint32_t KwIdentificationService(uint32_t simulatorDelayMs, std::span<const uint8_t> request,
                                  DvChar ***descriptions);
+
+// Part 4.2: the record capacity of the fault list once `total` records must fit.
+uint32_t KwFaultCapacity(uint32_t capacity, uint32_t total);
 
 // The simulator descriptions of Part 4.1 (malloc'd), or nullptr when out of memory.
 DvChar **KwSimulatorDescriptions();

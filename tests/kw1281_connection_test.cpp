@@ -46,6 +46,13 @@ TEST_F(KwConnectionTest, ConnectReadsTheIdentificationAndLogsSuccess) {
     EXPECT_EQ(KwStatistics().blocksReceived, 9u);
 }
 
+TEST_F(KwConnectionTest, ConnectWithoutOutputsFreesTheDescriptions) {
+    InstallEngine();
+    EXPECT_EQ(DvVagConnect(reinterpret_cast<const DvChar *>(u"COM1"), 10400, 1, nullptr, nullptr),
+              0u);
+    EXPECT_EQ(KwConnection().state, KwLinkState::Connected);
+}
+
 TEST_F(KwConnectionTest, ConnectSetsTheInitialisationTimeouts) {
     InstallEngine();
     ASSERT_EQ(ConnectEngine(), 0u);
