@@ -70,8 +70,7 @@ struct KwConnectionData {
 KwConnectionData &KwConnection();
 bool KwIsSimulator(); // the connected address is SIMULATOR_ADDRESS
 
-// ---- Part 3.2: link buffer, counter, statistics
-// --------------------------------------------------
+// ---- Part 3.2: link buffer, counter, statistics -------------------------------------------------
 
 struct KwLinkBuffer {
     uint32_t capacity = 0;
@@ -124,8 +123,7 @@ uint32_t KwSendBlock();    // the block in the link buffer (length at byte 0, co
 uint32_t KwReceiveBlock(); // into the link buffer
 void KwReportStatistics(uint32_t level);
 
-// ---- Part 3.3: connection
-// ------------------------------------------------------------------------
+// ---- Part 3.3: connection -----------------------------------------------------------------------
 
 uint32_t KwAddressInit(uint8_t address);
 uint32_t KwReestablish();
@@ -137,8 +135,7 @@ uint32_t KwRelogin();
 void KwClearGroupList();
 void KwFreeGroupList();
 
-// ---- Part 4.1: identification and the service pattern
-// --------------------------------------------
+// ---- Part 4.1: identification and the service pattern -------------------------------------------
 
 // Reads the identification blocks the ECU is sending into a NULL-terminated descriptions array
 // (malloc'd strings and array). Nothing is returned on failure.

@@ -94,8 +94,7 @@ protected:
     dvtest::FakeKwEcu ecu_;
 };
 
-// ---- sending
-// -------------------------------------------------------------------------------------
+// ---- sending ------------------------------------------------------------------------------------
 
 TEST_F(KwBlockTest, AcknowledgeIsThreeComplementedBytesAndAPlainEndByte) {
     PutBlock({0x03, 0x01, 0x09});
@@ -188,8 +187,7 @@ TEST_F(KwBlockTest, ResendingStopsWhenTheLineNeverFallsQuiet) {
     EXPECT_EQ(Fake().Written(), (std::vector<uint8_t>{0x03}));
 }
 
-// ---- receiving
-// -----------------------------------------------------------------------------------
+// ---- receiving ----------------------------------------------------------------------------------
 
 TEST_F(KwBlockTest, ReceivesABlockWithComplementsAndAPlainEndByte) {
     ecu_.script.push_back({EcuBlock(0x01, 0xF6, {0x38, 0x44})});

@@ -22,8 +22,7 @@ bool PortOpen() {
 
 class KwConnectionTest : public dvtest::KwBenchTest {};
 
-// ---- connect
-// -------------------------------------------------------------------------------------
+// ---- connect ------------------------------------------------------------------------------------
 
 TEST_F(KwConnectionTest, ConnectReadsTheIdentificationAndLogsSuccess) {
     InstallEngine();
@@ -280,8 +279,7 @@ TEST_F(KwConnectionTest, ConnectClearsTheLoginAndStartsNewStatistics) {
     EXPECT_EQ(KwStatistics().blocksReceived, 9u);
 }
 
-// ---- keep-alive
-// ----------------------------------------------------------------------------------
+// ---- keep-alive ---------------------------------------------------------------------------------
 
 TEST_F(KwConnectionTest, IdleSendsAnAcknowledgeAndReadsOne) {
     InstallEngine();
@@ -408,8 +406,20 @@ TEST_F(KwConnectionTest, FailedReestablishMarksBrokenAndDisconnectOnlyClosesTheP
     EXPECT_EQ(KwConnection().state, KwLinkState::NotConnected);
 }
 
-// ---- disconnect
-// ----------------------------------------------------------------------------------
+TEST_F(KwConnectionTest, ServicesWithoutAConnectionReturnThePortCode) {
+    InstallEngine();
+    EXPECT_EQ(DvVagIdle(), 5u);
+    EXPECT_EQ(DvVagClearFaults(), 5u);
+    EXPECT_EQ(DvVagLogin(1, 2), 5u);
+    EXPECT_EQ(KwConnection().state, KwLinkState::NotConnected);
+    EXPECT_EQ(KwCounter(), 0);
+    DvVagDisconnect();
+    EXPECT_EQ(dvtest::TraceCount(TraceKind::TesterByte), 0u);
+    EXPECT_EQ(dvtest::TraceCount(TraceKind::Open), 0u);
+    EXPECT_TRUE(LogHasInOrder({"\r\nDisconnecting from ECU\r\n", "\r\nDisconnected\r\n"}));
+}
+
+// ---- disconnect ---------------------------------------------------------------------------------
 
 TEST_F(KwConnectionTest, DisconnectSendsTheEndBlockClosesThePortAndReports) {
     InstallEngine();

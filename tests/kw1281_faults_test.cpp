@@ -168,8 +168,7 @@ TEST_F(KwFaultsTest, NullOutputsDropTheRecords) {
     EXPECT_EQ(ecu_.testerBlocks.size(), 2u);
 }
 
-// ---- the ECU's memory and lost links on the bench
-// ------------------------------------------------
+// ---- the ECU's memory and lost links on the bench -----------------------------------------------
 
 class KwFaultsBenchTest : public dvtest::KwBenchTest {
 protected:

@@ -218,8 +218,7 @@ TEST_F(KwIdentificationTest, AnotherCounterIsLoggedAndTaken) {
     EXPECT_EQ(KwCounter(), 0x09);
 }
 
-// ---- lost links on the bench
-// ---------------------------------------------------------------------
+// ---- lost links on the bench --------------------------------------------------------------------
 
 class KwIdentificationBenchTest : public dvtest::KwBenchTest {};
 

@@ -104,6 +104,7 @@ TEST_F(KwSimulatorTest, ConnectResetsTheSimulatorValues) {
     ASSERT_EQ(Connect(), 0u);
     ASSERT_EQ(DvVagClearFaults(), 0u);
     ASSERT_EQ(DvVagLogin(0, 24680), 0u);
+    Descriptions();
     ASSERT_EQ(DvVagSetCoding(1, 2, &descriptions_), 0u);
     KwConnection().simulator.actuatorStep = 282;
     KwConnection().simulator.adaptation[0] = 100;
