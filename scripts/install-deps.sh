@@ -4,7 +4,8 @@
 set -euo pipefail
 
 packages=(build-essential cmake ninja-build pkg-config libgtest-dev libgmock-dev
-          libbenchmark-dev libcli11-dev nlohmann-json3-dev)
+          libbenchmark-dev libcli11-dev nlohmann-json3-dev
+          libtinyxml2-dev)
 if [[ "${DV_WITH_CROSS:-0}" == 1 ]]; then
     packages+=(mingw-w64)
 fi
