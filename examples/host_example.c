@@ -93,7 +93,8 @@ static void PrintValue(const MeasuringValue *value) {
     for (i = 0; i < sizeof kUnits / sizeof kUnits[0]; ++i) {
         if (kUnits[i].formula == value->kind) {
             const int decimals = kUnits[i].divisor >= 1000 ? 3 : kUnits[i].divisor >= 100 ? 2 : 1;
-            printf("%.*f %s", decimals, (double)value->value / kUnits[i].divisor, kUnits[i].unit);
+            printf("%.*f%s%s", decimals, (double)value->value / kUnits[i].divisor,
+                   kUnits[i].unit[0] != 0 ? " " : "", kUnits[i].unit);
             return;
         }
     }
