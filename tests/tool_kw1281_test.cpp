@@ -46,7 +46,7 @@ TEST(ToolKw1281, FaultsReadsTwoFaultsAndClears) {
               json({{"code", 522},
                     {"elaboration", 30},
                     {"intermittent", false},
-                    {"text", "00522 - Engine Coolant Temperature Sensor (G62): 30-Open or Short "
+                    {"text", "00522 - Engine Coolant Temperature Sensor (G62): 30 Open or Short "
                              "to Plus"}}));
     EXPECT_EQ(doc["faults"][1]["code"], 518);
     EXPECT_EQ(doc["faults"][1]["elaboration"], 27);

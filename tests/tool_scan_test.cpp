@@ -25,11 +25,11 @@ TEST(ToolScan, Kw1281SimulatorShowsIdentificationFaultsGroupsAndReport) {
               std::string::npos)
         << out;
     EXPECT_NE(out.find("Fault memory: 2 faults\n"), std::string::npos) << out;
-    EXPECT_NE(out.find("  00522 - Engine Coolant Temperature Sensor (G62): 30-Open or Short to "
+    EXPECT_NE(out.find("  00522 - Engine Coolant Temperature Sensor (G62): 30 Open or Short to "
                        "Plus\n"),
               std::string::npos)
         << out;
-    EXPECT_NE(out.find("  00518 - Throttle Position Sensor (G69): 27-Implausible Signal - "
+    EXPECT_NE(out.find("  00518 - Throttle Position Sensor (G69): 27 Implausible Signal - "
                        "Intermittent\n"),
               std::string::npos)
         << out;
@@ -42,7 +42,8 @@ TEST(ToolScan, Kw1281SimulatorShowsIdentificationFaultsGroupsAndReport) {
         << out;
     EXPECT_NE(out.find("  4: 01011011 01000000"), std::string::npos) << out;
     // The simulator has no groups 2 and 3: the ECU's refusal is shown, the scan goes on.
-    EXPECT_NE(out.find("Group 2:\n  not available (the ECU refused the request)\n"),
+    EXPECT_NE(out.find("\nGroup 2: not available (the ECU refused the request)\n\nGroup 3: not "
+                       "available (the ECU refused the request)\n"),
               std::string::npos)
         << out;
     // The statistics report of Part 3.2, after the disconnect.
@@ -106,6 +107,9 @@ TEST(ToolScan, Kw1281JsonParsesAndHoldsTheSameDataAsTheText) {
         }
     }
     EXPECT_NE(doc["report"].get<std::string>().find("Connection duration - "), std::string::npos);
+    ASSERT_EQ(doc["groups"].size(), 3u);
+    EXPECT_EQ(doc["groups"][1], json({{"group", 2}, {"refused", 256}}));
+    EXPECT_EQ(doc["groups"][2], json({{"group", 3}, {"refused", 256}}));
     EXPECT_NE(doc["report"].get<std::string>().find("Reestablishments - 0"), std::string::npos);
 }
 
