@@ -76,6 +76,15 @@ TEST_F(KwConnectionTest, ComplementOfTheSecondKeywordByteFollows25MsAfterIt) {
     EXPECT_EQ(bytes[0].value, 0x75);
     EXPECT_GE(bytes[0].at - hears[2].at, 25 * kFakeTicksPerMs);
     EXPECT_LT(bytes[0].at - hears[2].at, 27 * kFakeTicksPerMs);
+    // A busy-wait, not a sleep: one spin of 25 ms between the keyword byte and its complement.
+    int spins = 0;
+    for (const TraceEntry &entry : BenchTrace()) {
+        if (entry.at >= hears[2].at && entry.at < bytes[0].at) {
+            EXPECT_NE(entry.kind, TraceKind::Sleep);
+            spins += entry.kind == TraceKind::Spin && entry.value == 25 * kFakeTicksPerMs ? 1 : 0;
+        }
+    }
+    EXPECT_EQ(spins, 1);
 }
 
 TEST_F(KwConnectionTest, KeywordSlowIsAcceptedSilently) {

@@ -222,6 +222,19 @@ TEST_F(KwFaultsBenchTest, AWrongComplementIsResentWithinTheBlock) {
     EXPECT_EQ(KwStatistics().reestablishments, 0u);
 }
 
+TEST_F(KwFaultsBenchTest, AnotherBlockCounterIsLoggedAndTheAnswerUsed) {
+    InstallEngine();
+    ASSERT_EQ(ConnectEngine(), 0u);
+    ecu_->faults.wrongCounterBlock = ecu_->BlocksSent() + 1;
+    const uint8_t expected = static_cast<uint8_t>(KwCounter() + 2);
+    EXPECT_EQ(ReadFaults(), kEngineFaults);
+    char line[64];
+    std::snprintf(line, sizeof line, "Bad block index: '%02X' vs '%02X'\r\n", expected + 1,
+                  expected);
+    EXPECT_TRUE(dvtest::LogHasInOrder({line}));
+    EXPECT_EQ(dvtest::LogCount("Bad block index"), 1);
+}
+
 TEST_F(KwFaultsBenchTest, ABadEndByteIsARefusal) {
     InstallEngine();
     ASSERT_EQ(ConnectEngine(), 0u);
