@@ -17,7 +17,7 @@ void FormatSimulatorText(char16_t (&text)[kSimulatorTextSize], const char *forma
     std::snprintf(narrow, sizeof narrow, format, static_cast<int>(value));
     uint32_t i = 0;
     for (; narrow[i] != 0; ++i) {
-        text[i] = static_cast<char16_t>(narrow[i]);
+        text[i] = static_cast<unsigned char>(narrow[i]);
     }
     text[i] = 0;
 }

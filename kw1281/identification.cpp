@@ -109,7 +109,7 @@ struct IdentificationReader {
         }
         uint32_t i = 0;
         for (; narrow[i] != 0; ++i) {
-            text[i] = static_cast<DvChar>(narrow[i]);
+            text[i] = static_cast<unsigned char>(narrow[i]);
         }
         text[i] = 0;
         return list.Add(text);
@@ -289,8 +289,7 @@ DvChar **KwSimulatorDescriptions() {
     DescriptionList list;
     for (const char16_t *text : texts) {
         DvChar *copy = CopyText(text);
-        if (copy == nullptr || !list.Add(copy)) {
-            std::free(copy);
+        if (copy == nullptr || !list.Add(copy)) { // Add frees what it cannot store
             list.Free();
             return nullptr;
         }
