@@ -364,6 +364,21 @@ TEST_F(KwConnectionTest, LostLinkIsReestablishedWithRelogin) {
                                           0x2B, 0x07, 0x09, 0x09}));
 }
 
+TEST_F(KwConnectionTest, ARequestWithoutComplementIsResentThenTheLinkReestablished) {
+    InstallEngine();
+    ASSERT_EQ(ConnectEngine(), 0u);
+    DropTesterBytes(0, 3); // the length byte of each of the three send attempts is lost
+    EXPECT_EQ(DvVagClearFaults(), 0u);
+    EXPECT_EQ(LogCount("No ECU echo\r\n"), 3);
+    EXPECT_EQ(LogCount("\r\nResending block\r\n\r\n"), 2);
+    EXPECT_TRUE(
+        LogHasInOrder({"\r\nReestablishing connection\r\n", "\r\nReconnected successfully\r\n"}));
+    EXPECT_EQ(KwStatistics().breaks, 2u);
+    EXPECT_EQ(KwStatistics().reestablishments, 1u);
+    EXPECT_EQ(ecu_->Faults().size(), 1u); // the request went out after the re-establishment
+    EXPECT_EQ(KwConnection().state, KwLinkState::Connected);
+}
+
 TEST_F(KwConnectionTest, RefusedReloginYields256) {
     InstallEngine();
     ASSERT_EQ(ConnectEngine(), 0u);
