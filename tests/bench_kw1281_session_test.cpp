@@ -195,6 +195,120 @@ TEST_F(Kw1281SessionTest, DroppedEcuByteIsRecovered) {
     DvVagDisconnect();
 }
 
+std::string Text(const DvChar *text) {
+    std::string result;
+    for (; text != nullptr && *text != 0; ++text) {
+        result.push_back(static_cast<char>(*text));
+    }
+    return result;
+}
+
+void FreeValues(MeasuringValue *values, uint32_t count) {
+    for (uint32_t i = 0; i < count; ++i) {
+        DvFree(values[i].text);
+    }
+    DvFree(values);
+}
+
+TEST_F(Kw1281SessionTest, GroupReadingsCurvesAndChannels) {
+    Start("kw1281-engine");
+    ASSERT_EQ(Connect(10400, 0x01), 0u);
+    uint32_t count = 0;
+    MeasuringValue *values = nullptr;
+    ASSERT_EQ(DvVagGetGroupMeasurements(0, 1, &count, &values), 0u) << dvtest::LogText();
+    ASSERT_EQ(count, 4u);
+    EXPECT_EQ(values[0].kind, 1);
+    EXPECT_EQ(values[0].value, 200 * 20 * 2);
+    EXPECT_EQ(values[3].value, 0x0100); // formula 16: A * 256 + B
+    FreeValues(values, count);
+    values = nullptr;
+    ASSERT_EQ(DvVagGetGroupMeasurements(1, 1, &count, &values), 0u);
+    EXPECT_EQ(values[3].value, 0x0102); // basic settings
+    FreeValues(values, count);
+    values = nullptr;
+    ASSERT_EQ(DvVagGetGroupMeasurements(0, 2, &count, &values), 0u);
+    ASSERT_EQ(count, 3u);
+    EXPECT_EQ(Text(values[0].text), "WARM");
+    EXPECT_EQ(Text(values[1].text), "2.Kennfeld");
+    EXPECT_EQ(Text(values[2].text), "12:30");
+    FreeValues(values, count);
+    values = nullptr;
+    // The curve group: header, then the values decoded with it.
+    ASSERT_EQ(DvVagGetGroupMeasurements(0, 3, &count, &values), 0u) << dvtest::LogText();
+    ASSERT_EQ(count, 4u);
+    EXPECT_EQ(values[0].kind, 128);
+    EXPECT_EQ(values[0].value, 40 * 40);
+    EXPECT_EQ(values[1].kind, 139);
+    EXPECT_EQ(values[1].value, 50);
+    EXPECT_EQ(Text(values[2].text), "EIN");
+    EXPECT_EQ(values[3].kind, 142);
+    FreeValues(values, count);
+    EXPECT_EQ(DvVagCloseGroupMeasurements(), 0u);
+    EXPECT_EQ(DvVagGetGroupMeasurements(0, 9, &count, &values), 256u);
+    uint8_t *bytes = nullptr;
+    ASSERT_EQ(DvVagGetMeasurements(0, &count, &bytes), 0u);
+    ASSERT_EQ(count, 10u);
+    EXPECT_EQ(bytes[9], 2);
+    DvFree(bytes);
+    uint16_t channel = 0;
+    EXPECT_EQ(DvVagGetMeasurement(1, &channel), 0u);
+    EXPECT_EQ(channel, 0x1234);
+    EXPECT_EQ(DvVagGetMeasurement(5, &channel), 256u);
+    DvVagDisconnect();
+}
+
+TEST_F(Kw1281SessionTest, AdaptationActuatorsAndMemory) {
+    Start("kw1281-engine");
+    ASSERT_EQ(Connect(10400, 0x01), 0u);
+    uint16_t value = 0;
+    uint32_t count = 0;
+    MeasuringValue *values = nullptr;
+    ASSERT_EQ(DvVagGetGroupAdaption(1, &value, &count, &values), 0u) << dvtest::LogText();
+    EXPECT_EQ(value, 128);
+    EXPECT_EQ(count, 2u);
+    FreeValues(values, count);
+    values = nullptr;
+    EXPECT_EQ(DvVagTestGroupAdaption(1, 40, &value, &count, &values), 256u); // no login
+    ASSERT_EQ(DvVagLogin(12345, 12233), 0u);
+    ASSERT_EQ(DvVagTestGroupAdaption(1, 40, &value, &count, &values), 0u);
+    EXPECT_EQ(value, 88);
+    FreeValues(values, count);
+    values = nullptr;
+    ASSERT_EQ(DvVagSaveGroupAdaption(12345, 1, 100, &value, &count, &values), 0u);
+    EXPECT_EQ(value, 100);
+    FreeValues(values, count);
+    values = nullptr;
+    EXPECT_EQ(ecu_->AdaptationValue(1), 100);
+    ASSERT_EQ(DvVagGetGroupAdaption(2, &value, &count, &values), 0u);
+    EXPECT_EQ(value, 30000);
+    EXPECT_EQ(count, 0u);
+    DvFree(values);
+    values = nullptr;
+    EXPECT_EQ(DvVagClearAdaptions(12345), 0u);
+    EXPECT_EQ(ecu_->AdaptationValue(1), 128);
+
+    uint16_t actuator = 0;
+    EXPECT_EQ(DvVagTestActuator(&actuator), 0u);
+    EXPECT_EQ(actuator, 0x0119);
+    EXPECT_EQ(DvVagTestActuator(&actuator), 0u);
+    EXPECT_EQ(actuator, 0x04DF);
+    EXPECT_EQ(DvVagTestActuator(&actuator), 0u);
+    EXPECT_EQ(DvVagTestActuator(&actuator), 0u);
+    EXPECT_EQ(actuator, 0); // the end of the test
+
+    uint8_t buffer[32] = {};
+    uint8_t got = 0;
+    ASSERT_EQ(DvVagGetRamData(7, 20, &got, buffer), 0u);
+    EXPECT_EQ(got, 9);
+    EXPECT_EQ(std::string(reinterpret_cast<char *>(buffer)), "RAM data");
+    ASSERT_EQ(DvVagGetEpromData(0, 6, &got, buffer), 0u);
+    EXPECT_EQ(std::string(reinterpret_cast<char *>(buffer), got), "Engine");
+    ASSERT_EQ(DvVagGetEepromData(7, 6, &got, buffer), 0u);
+    EXPECT_EQ(std::string(reinterpret_cast<char *>(buffer), got), "EEPROM");
+    EXPECT_EQ(DvVagGetRamData(0x100, 4, &got, buffer), 256u);
+    DvVagDisconnect();
+}
+
 // The closing figure of the bench: a full virtual KW1281 connect with identification.
 TEST(Kw1281SessionSpeedTest, VirtualConnectWithIdentification) {
     constexpr int kRuns = 10;
