@@ -123,7 +123,9 @@ static int Session(const DvChar *port, uint32_t address, uint32_t baud) {
     MeasuringValue *values = NULL;
     uint32_t interval = 0, count = 0, i, code;
 
-    /* Settings are read and written as a whole record: change a word, write the record back. */
+    /* Settings are read and written as a whole record: change a word, write the record back.
+     * DvGetSettings writes only the low byte of the tester address word: clear the record first. */
+    memset(&settings, 0, sizeof settings);
     DvGetSettings(&settings);
     settings.connectRetries = 2;
     code = DvSetSettings(&settings);
