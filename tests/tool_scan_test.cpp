@@ -55,6 +55,37 @@ TEST(ToolScan, Kw1281SimulatorShowsIdentificationFaultsGroupsAndReport) {
         << out;
 }
 
+// The same job on the real line protocol: an emulated engine ECU of the bench ("vecu:" port,
+// real clock) with text values and a curve-coded group.
+TEST(ToolScan, EmulatedKw1281EngineOverTheVirtualLine) {
+    const RunResult r = RunTool({"scan", "--port", "vecu:kw1281-engine"});
+    ASSERT_TRUE(r.exited);
+    EXPECT_EQ(r.exitStatus, 0) << r.err;
+    const std::string &out = r.out;
+    EXPECT_NE(out.find("Dravelin scan: KW1281, ECU 01 on vecu:kw1281-engine at 10400 baud\n"),
+              std::string::npos)
+        << out;
+    EXPECT_NE(out.find("Identification:\n  038906019FR\n  1,9l R4 EDC\n"), std::string::npos)
+        << out;
+    EXPECT_NE(out.find("  $SC:01503\n  $WC:12345\n"), std::string::npos) << out;
+    EXPECT_NE(out.find("Fault memory: 5 faults\n"), std::string::npos) << out;
+    EXPECT_NE(out.find("Group 1:\n  1: 800.0 rpm"), std::string::npos) << out;
+    EXPECT_NE(out.find("  2: 40.0 \xC2\xB0"
+                       "C"),
+              std::string::npos)
+        << out;
+    EXPECT_NE(out.find("  3: 12.700 V"), std::string::npos) << out;
+    EXPECT_NE(out.find("Group 2:\n  1: WARM"), std::string::npos) << out;
+    EXPECT_NE(out.find("  2: 2.Kennfeld"), std::string::npos) << out;
+    EXPECT_NE(out.find("  3: 12:30"), std::string::npos) << out;
+    EXPECT_NE(out.find("Group 3:\n  1: 1600"), std::string::npos) << out;
+    EXPECT_NE(out.find("  3: EIN"), std::string::npos) << out;
+    // Real blocks this time, none repeated.
+    EXPECT_EQ(out.find("Blocks sent - 0,"), std::string::npos) << out;
+    EXPECT_NE(out.find(", breaks - 0 (0 %)\n"), std::string::npos) << out;
+    EXPECT_NE(out.find(", resets - 0 (0 %)\nReestablishments - 0\n"), std::string::npos) << out;
+}
+
 std::string TextOf(const json &value) {
     return value.is_string() ? value.get<std::string>() : value.dump();
 }
