@@ -208,9 +208,12 @@ uint32_t ActActuator(const KwpOptions &options, KwpLink &, Json &out) {
     const uint32_t limit = options.steps == 0 ? 64 : options.steps;
     for (uint32_t step = 0; step < limit && !Interrupted(); ++step) {
         const uint32_t code = DvVagIsoTestActuator(step == 0 ? 0 : 1);
-        if (code == 0x111 && step > 0) {
+        // A step past the last actuator is refused: the simulator says 0x11, ECUs also 0x22
+        // (conditions not correct). Any negative answer to a step ends the test.
+        if (code >= 0x100 && code <= 0x1FF && step > 0) {
+            out["ended"] = code;
             if (Text(options)) {
-                std::printf("Actuator test ended\n");
+                std::printf("Actuator test ended (the ECU answered 0x%02X)\n", code - 0x100);
             }
             break;
         }
@@ -222,10 +225,18 @@ uint32_t ActActuator(const KwpOptions &options, KwpLink &, Json &out) {
         const uint32_t dataCode = DvVagIsoReadActuatorData(&count, &values);
         const std::vector<Reading> readings =
             dataCode == 0 ? TakeReadings(count, values) : std::vector<Reading>{};
-        steps.push_back({{"step", step}, {"values", ReadingsJson(readings)}});
+        // Not every step has data (the simulator has none while 1264 runs): shown, not fatal.
+        Json entry = {{"step", step}, {"values", ReadingsJson(readings)}};
+        if (dataCode != 0) {
+            entry["dataResult"] = dataCode;
+        }
+        steps.push_back(entry);
         if (Text(options)) {
             std::printf("Step %u:\n", step);
             PrintReadings(readings);
+            if (dataCode != 0) {
+                std::printf("  no data (%s)\n", ExplainResult(dataCode).c_str());
+            }
         }
     }
     out["actuatorSteps"] = steps;
