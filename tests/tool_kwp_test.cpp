@@ -132,7 +132,19 @@ TEST(ToolKwp, ActuatorStepsThroughBothActuators) {
     EXPECT_EQ(steps[1]["values"][1]["value"], 2220);
     EXPECT_EQ(steps[2]["values"][0]["value"], 1264);
     EXPECT_EQ(steps[3]["values"], json::array()); // no data for 1264 under test
+    EXPECT_EQ(steps[3]["dataResult"], 0x111);
     EXPECT_EQ(steps[4]["values"][0]["value"], 0);
+    EXPECT_EQ(doc["ended"], 0x111);
+}
+
+// An emulated ECU refuses the step past its last actuator with 0x22: also the end of the test.
+TEST(ToolKwp, ActuatorOfAnEmulatedEcuEndsOnItsRefusal) {
+    const RunResult r = RunTool({"kwp", "actuator", "--port", "vecu:kwp2000-engine"});
+    ASSERT_TRUE(r.exited);
+    EXPECT_EQ(r.exitStatus, 0) << r.err;
+    EXPECT_NE(r.out.find("Step 0:\n"), std::string::npos) << r.out;
+    EXPECT_NE(r.out.find("Actuator test ended (the ECU answered 0x22)\n"), std::string::npos)
+        << r.out;
 }
 
 TEST(ToolKwp, KeepAliveSendsTesterPresent) {
