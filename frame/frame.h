@@ -29,12 +29,12 @@ extern const uint8_t kLogKeyTable[512];
 
 uint32_t ExchangeBegin(); // 0, or 1 when the priority could not be saved or raised
 void ExchangeEnd();
-void DelayMs(uint32_t ms);  // busy-wait on the performance counter
-void SleepMs(uint32_t ms);  // the platform's Sleep
+void DelayMs(uint32_t ms); // busy-wait on the performance counter
+void SleepMs(uint32_t ms); // the platform's Sleep
 uint32_t SwapBytes16(uint32_t v);
-int64_t TicksPerMs();       // performance-counter ticks per millisecond (0 before DvConstruct)
-int64_t CounterNow();       // the performance counter
-uint32_t TickCount();       // the millisecond tick count (GetTickCount)
+int64_t TicksPerMs(); // performance-counter ticks per millisecond (0 before DvConstruct)
+int64_t CounterNow(); // the performance counter
+uint32_t TickCount(); // the millisecond tick count (GetTickCount)
 
 // ---- Part 1.2: the sub-blocks each layer keeps ----------------------------------------------
 
@@ -60,19 +60,20 @@ struct KwSettings {
 // ---- Part 1.1: the layers DvConstruct sets up and DvDestruct tears down ----------------------
 // Each is defined by its own layer; the frame calls them in the order of Part 1.1.
 
-uint32_t SerialLayerSetUp();   // serial/ (Part 2.1)
+uint32_t SerialLayerSetUp(); // serial/ (Part 2.1)
 void SerialLayerTearDown();
-uint32_t IsoLayerSetUp();      // kwp2000/ (Part 5.1)
+uint32_t IsoLayerSetUp(); // kwp2000/ (Part 5.1)
 void IsoLayerTearDown();
-uint32_t VagIsoLayerSetUp();   // kwp2000/ manufacturer services (Part 6)
+uint32_t VagIsoLayerSetUp(); // kwp2000/ manufacturer services (Part 6)
 void VagIsoLayerTearDown();
-uint32_t KwLayerSetUp();       // kw1281/ (Part 3.2)
+uint32_t KwLayerSetUp(); // kw1281/ (Part 3.2)
 void KwLayerTearDown();
 
 // Settings sub-blocks, applied by DvSetSettings in the order serial, KWP2000, KW1281.
 uint32_t SerialApplyDtrSetting(uint32_t dtrOn); // serial/: 0, or 5 (Part 1.2)
 uint32_t SerialDtrSetting();
-void IsoApplySettings(const IsoSettings &settings); // kwp2000/: stores (validated by the frame), updates live timing
+void IsoApplySettings(
+    const IsoSettings &settings); // kwp2000/: stores (validated by the frame), updates live timing
 const IsoSettings &IsoSettingsInForce();
 void KwApplySettings(const KwSettings &settings); // kw1281/: stores (validated by the frame)
 const KwSettings &KwSettingsInForce();

@@ -15,7 +15,7 @@ uint32_t PortOpen(const char16_t *name, uint32_t baud, uint32_t inQueue, uint32_
 void PortClose();
 uint32_t PortSetTimeouts(uint32_t total, uint32_t perByte, uint32_t interval);
 uint32_t PortSetByteDelay(uint32_t ms);
-uint32_t PortByteDelay(); // the byte delay in force (LineWrite)
+uint32_t PortByteDelay();            // the byte delay in force (LineWrite)
 constexpr uint32_t kPurgeInput = 2;  // PortPurge: clear the receive queue
 constexpr uint32_t kPurgeOutput = 1; // PortPurge: clear the transmit queue
 uint32_t PortPurge(uint32_t which);

@@ -14,12 +14,12 @@ static void DV_CALL OnMessage(uint32_t context, const DvChar *text) {
     }
 }
 
-#define CHECK(cond)                                                                             \
-    do {                                                                                        \
-        if (!(cond)) {                                                                          \
-            printf("FAILED: %s (line %d)\n", #cond, __LINE__);                                  \
-            return 1;                                                                           \
-        }                                                                                       \
+#define CHECK(cond)                                                                                \
+    do {                                                                                           \
+        if (!(cond)) {                                                                             \
+            printf("FAILED: %s (line %d)\n", #cond, __LINE__);                                     \
+            return 1;                                                                              \
+        }                                                                                          \
     } while (0)
 
 int main(void) {

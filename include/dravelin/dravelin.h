@@ -208,14 +208,13 @@ DV_API uint32_t DV_CALL DvVagGetGroupAdaption(uint8_t channel, uint16_t *value, 
                                               MeasuringValue **values);
 
 /* Tests a new adaptation value without storing it. */
-DV_API uint32_t DV_CALL DvVagTestGroupAdaption(uint8_t channel, uint16_t value,
-                                               uint16_t *outValue, uint32_t *count,
-                                               MeasuringValue **values);
+DV_API uint32_t DV_CALL DvVagTestGroupAdaption(uint8_t channel, uint16_t value, uint16_t *outValue,
+                                               uint32_t *count, MeasuringValue **values);
 
 /* Stores a new adaptation value with the workshop code. */
 DV_API uint32_t DV_CALL DvVagSaveGroupAdaption(uint32_t workshopCode, uint8_t channel,
-                                               uint16_t value, uint16_t *outValue,
-                                               uint32_t *count, MeasuringValue **values);
+                                               uint16_t value, uint16_t *outValue, uint32_t *count,
+                                               MeasuringValue **values);
 
 /* Resets all adaptation values. */
 DV_API uint32_t DV_CALL DvVagClearAdaptions(uint32_t workshopCode);
@@ -225,8 +224,8 @@ DV_API uint32_t DV_CALL DvVagClearAdaptions(uint32_t workshopCode);
 /* Opens port at 10400 baud and starts KWP2000 communication with the ECU at address (mode 0:
  * 5-baud init, otherwise fast init). keepAlive receives the longest pause allowed between
  * requests, in ms. */
-DV_API uint32_t DV_CALL DvIsoStartCommunication(const DvChar *port, uint32_t mode,
-                                                uint32_t address, uint32_t *keepAlive);
+DV_API uint32_t DV_CALL DvIsoStartCommunication(const DvChar *port, uint32_t mode, uint32_t address,
+                                                uint32_t *keepAlive);
 
 /* Ends the KWP2000 link, closes the port and logs the statistics report. */
 DV_API void DV_CALL DvIsoStopCommunication(void);
