@@ -138,7 +138,17 @@ Library::Library(const CommonOptions &options) {
     // Without -v the log still goes to --raw-log at the progress level.
     const uint32_t level = options.verbose <= 0 ? 2u : static_cast<uint32_t>(options.verbose + 1);
     DvSetMessagesLevel(level);
-    status_ = ApplySettings(options.settings);
+    try {
+        status_ = ApplySettings(options.settings);
+    } catch (...) {
+        // The destructor does not run for a constructor that throws: undo the construction.
+        DvDestruct();
+        if (gRawLog != nullptr) {
+            std::fclose(gRawLog);
+            gRawLog = nullptr;
+        }
+        throw;
+    }
 }
 
 Library::~Library() {

@@ -5,7 +5,9 @@
 #include "commands.h"
 #include "common.h"
 
-int main(int argc, char **argv) {
+namespace {
+
+int Run(int argc, char **argv) {
     CLI::App app{"dravelin: diagnostics of VW-group control units over a K-line (KW1281, "
                  "KWP2000)"};
     app.require_subcommand(1);
@@ -20,9 +22,20 @@ int main(int argc, char **argv) {
         app.parse(argc, argv);
     } catch (const CLI::ParseError &error) {
         return app.exit(error);
-    } catch (const std::exception &error) {
-        std::cerr << "dravelin: " << error.what() << "\n";
-        return 2;
     }
     return exitStatus;
+}
+
+} // namespace
+
+int main(int argc, char **argv) {
+    // Nothing escapes main: a bad argument value or an unwritable file ends with one line.
+    try {
+        return Run(argc, argv);
+    } catch (const std::exception &error) {
+        std::cerr << "dravelin: " << error.what() << "\n";
+    } catch (...) {
+        std::cerr << "dravelin: unexpected failure\n";
+    }
+    return 2;
 }
