@@ -40,7 +40,21 @@ std::string Coordinate(double value) {
     return text;
 }
 
-void Panel(std::ostringstream &svg, const Series &series, double top, double tMax) {
+// A step of 1, 2 or 5 times a power of ten that gives at most ten time ticks.
+double TickStep(double span) {
+    if (span <= 0) {
+        return 1;
+    }
+    double step = std::pow(10.0, std::floor(std::log10(span / 10)));
+    for (double factor : {1.0, 2.0, 5.0, 10.0}) {
+        if (span / (step * factor) <= 10) {
+            return step * factor;
+        }
+    }
+    return step * 10;
+}
+
+void Panel(std::ostringstream &svg, const Series &series, double top, double tMax, bool last) {
     const double plotWidth = kWidth - kLeft - kRight;
     const double plotHeight = kPanelHeight - 40;
     double lo = 0, hi = 1;
@@ -64,6 +78,17 @@ void Panel(std::ostringstream &svg, const Series &series, double top, double tMa
         << "\" font-size=\"11\" text-anchor=\"end\">" << Number(hi) << "</text>\n";
     svg << "<text x=\"" << kLeft - 6 << "\" y=\"" << Coordinate(y0 + plotHeight)
         << "\" font-size=\"11\" text-anchor=\"end\">" << Number(lo) << "</text>\n";
+    const double step = TickStep(tMax);
+    for (double t = 0; tMax > 0 && t <= tMax + step * 1e-9; t += step) {
+        const double x = kLeft + t / tMax * plotWidth;
+        svg << "<line x1=\"" << Coordinate(x) << "\" y1=\"" << Coordinate(y0) << "\" x2=\""
+            << Coordinate(x) << "\" y2=\"" << Coordinate(y0 + plotHeight)
+            << "\" stroke=\"#e0e0e0\"/>\n";
+        if (last) {
+            svg << "<text x=\"" << Coordinate(x) << "\" y=\"" << Coordinate(y0 + plotHeight + 14)
+                << "\" font-size=\"11\" text-anchor=\"middle\">" << Number(t) << "</text>\n";
+        }
+    }
     svg << "<polyline fill=\"none\" stroke=\"#1f6fb2\" stroke-width=\"1.5\" points=\"";
     for (size_t i = 0; i < series.values.size() && i < series.times.size(); ++i) {
         const double x = kLeft + (tMax > 0 ? series.times[i] / tMax : 0) * plotWidth;
@@ -91,12 +116,12 @@ std::string PlotSvg(const std::string &title, const std::vector<Series> &series)
     svg << "<rect width=\"100%\" height=\"100%\" fill=\"white\"/>\n";
     svg << "<text x=\"" << kLeft << "\" y=\"24\" font-size=\"16\">" << Escape(title) << "</text>\n";
     double top = kTop;
-    for (const Series &s : series) {
-        Panel(svg, s, top, tMax);
+    for (size_t i = 0; i < series.size(); ++i) {
+        Panel(svg, series[i], top, tMax, i + 1 == series.size());
         top += kPanelHeight + kGap;
     }
-    svg << "<text x=\"" << kLeft << "\" y=\"" << Coordinate(top) << "\" font-size=\"11\">"
-        << "time: 0 to " << Number(tMax) << " s</text>\n";
+    svg << "<text x=\"" << kLeft << "\" y=\"" << Coordinate(top + 4) << "\" font-size=\"11\">"
+        << "time [s], 0 to " << Number(tMax) << " s</text>\n";
     svg << "</svg>\n";
     return svg.str();
 }
