@@ -101,16 +101,8 @@ public:
         Event event{Event::Kind::EcuByteStart, byte};
         event.baud = ecu->Baud();
         ++ecuBytes;
-        for (const ByteFault &fault : faults.bytes) {
-            if (fault.nth != ecuBytes) {
-                continue;
-            }
-            if (fault.kind == ByteFault::Kind::DropEcuByte) {
-                event.dropped = true;
-            } else if (fault.kind == ByteFault::Kind::CorruptEcuByte) {
-                event.mask = fault.mask;
-            }
-        }
+        MarkByteFaults(event, ecuBytes, ByteFault::Kind::DropEcuByte,
+                       ByteFault::Kind::CorruptEcuByte);
         Schedule(start, event);
         event.kind = Event::Kind::EcuByteEnd;
         Schedule(end, event);
@@ -138,6 +130,21 @@ public:
     void Record(TraceKind kind, int64_t at, uint32_t value = 0, uint32_t extra = 0) {
         if (traceOn) {
             trace.push_back({kind, at, value, extra, {}});
+        }
+    }
+
+    // The byte faults asked for the nth byte of one direction: dropped or corrupted on the line.
+    void MarkByteFaults(Event &event, int nth, ByteFault::Kind drop,
+                        ByteFault::Kind corrupt) const {
+        for (const ByteFault &fault : faults.bytes) {
+            if (fault.nth != nth) {
+                continue;
+            }
+            if (fault.kind == drop) {
+                event.dropped = true;
+            } else if (fault.kind == corrupt) {
+                event.mask = fault.mask;
+            }
         }
     }
 
@@ -259,16 +266,8 @@ public:
         event.baud = testerBaud;
         ++testerBytes;
         event.timer = static_cast<uint64_t>(testerBytes); // names the byte for a purge
-        for (const ByteFault &fault : faults.bytes) {
-            if (fault.nth != testerBytes) {
-                continue;
-            }
-            if (fault.kind == ByteFault::Kind::DropTesterByte) {
-                event.dropped = true;
-            } else if (fault.kind == ByteFault::Kind::CorruptTesterByte) {
-                event.mask = fault.mask;
-            }
-        }
+        MarkByteFaults(event, testerBytes, ByteFault::Kind::DropTesterByte,
+                       ByteFault::Kind::CorruptTesterByte);
         Schedule(start, event);
         event.kind = Event::Kind::TesterByteEnd;
         Schedule(end, event);
