@@ -27,14 +27,6 @@ const DvChar *Port(const char16_t *name = u"COM1") {
     return reinterpret_cast<const DvChar *>(name);
 }
 
-size_t Count(const std::string &text, const std::string &part) {
-    size_t n = 0;
-    for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1)) {
-        ++n;
-    }
-    return n;
-}
-
 class KwpConnectionTest : public ::testing::Test {
 protected:
     FakeKwpEcu ecu;
@@ -268,7 +260,7 @@ TEST_F(KwpConnectionTest, SlowInitMissingAddressAnswerResetsWith250msSyncWait) {
         constants.push_back(event->timeouts.readConstant);
     }
     EXPECT_EQ(constants, (std::vector<uint32_t>{0, 401, 21, 21, 26, 51, 251, 21, 21, 26, 51}));
-    EXPECT_EQ(Count(LogText(), "\r\n\r\nResetting\r\n\r\n"), 1u);
+    EXPECT_EQ(Occurrences(LogText(), "\r\n\r\nResetting\r\n\r\n"), 1u);
 }
 
 TEST_F(KwpConnectionTest, SlowInitSixteenMissesSleep280AndGive8) {
@@ -280,8 +272,8 @@ TEST_F(KwpConnectionTest, SlowInitSixteenMissesSleep280AndGive8) {
     }
     EXPECT_EQ(dv::IsoSlowInit(0x01), 8u);
     const std::string log = LogText();
-    EXPECT_EQ(Count(log, "\r\nNo ECU data"), 16u);
-    EXPECT_EQ(Count(log, "\r\n\r\nResetting\r\n\r\n"), 15u);
+    EXPECT_EQ(Occurrences(log, "\r\nNo ECU data"), 16u);
+    EXPECT_EQ(Occurrences(log, "\r\n\r\nResetting\r\n\r\n"), 15u);
     EXPECT_EQ(Sleeps(), std::vector<uint32_t>{280});
     // The last miss at the 16th sync + 21 ms, then the sleep.
     EXPECT_EQ(Fake().now - start, Ms(kAddressMs + 50 + 50 * 15 + 21 + 280));
@@ -299,7 +291,7 @@ TEST_F(KwpConnectionTest, SlowInitSixteenAddressMissesSleep250AndGive8) {
     }
     EXPECT_EQ(dv::IsoSlowInit(0x01), 8u);
     EXPECT_EQ(ecu.singleBytes, 16);
-    EXPECT_EQ(Count(LogText(), "\r\n\r\nResetting\r\n\r\n"), 15u);
+    EXPECT_EQ(Occurrences(LogText(), "\r\n\r\nResetting\r\n\r\n"), 15u);
     EXPECT_EQ(Sleeps(), std::vector<uint32_t>{250});
     // The inverted key byte 2, its echo one byte time later, 51 ms for the answer, the sleep.
     EXPECT_EQ(Fake().now - kb2At, Ms(37 + 51 + 250) + Fake().ByteTicks());
@@ -374,8 +366,8 @@ TEST_F(KwpConnectionTest, SlowConnectRetriesObd2KeyBytesWith3000msPauses) {
     uint32_t keepAlive = 0;
     EXPECT_EQ(DvIsoStartCommunication(Port(), 0, 0x01, &keepAlive), 10u);
     const std::string log = LogText();
-    EXPECT_EQ(Count(log, "\r\nOBD2 is not supported yet"), 3u);
-    EXPECT_EQ(Count(log, "\r\n\r\nRetrying to connect to ECU\r\n\r\n"), 2u);
+    EXPECT_EQ(Occurrences(log, "\r\nOBD2 is not supported yet"), 3u);
+    EXPECT_EQ(Occurrences(log, "\r\n\r\nRetrying to connect to ECU\r\n\r\n"), 2u);
     EXPECT_EQ(log.find("Connected successfully"), std::string::npos);
     EXPECT_EQ(Sleeps(), (std::vector<uint32_t>{50, 3000, 3000, 3000}));
     EXPECT_EQ(Fake().now, start); // the last pause ends the attempts
@@ -392,7 +384,7 @@ TEST_F(KwpConnectionTest, SlowConnectSilentEcuGives8After2700msPauses) {
     ASSERT_EQ(DvSetSettings(&settings), 0u);
     EXPECT_EQ(DvIsoStartCommunication(Port(), 0, 0x01, nullptr), 8u);
     EXPECT_EQ(Sleeps(), (std::vector<uint32_t>{50, 2700, 2700}));
-    EXPECT_EQ(Count(LogText(), "\r\nNo ECU data"), 2u);
+    EXPECT_EQ(Occurrences(LogText(), "\r\nNo ECU data"), 2u);
     EXPECT_FALSE(Fake().portOpen);
 }
 
@@ -569,7 +561,7 @@ TEST_F(KwpConnectionTest, FastConnectSilentEcuGives8After550msPauses) {
     EXPECT_EQ(DvIsoStartCommunication(Port(), 1, 0x10, nullptr), 8u);
     EXPECT_EQ(ecu.requests.size(), 3u);
     EXPECT_EQ(Sleeps(), (std::vector<uint32_t>{50, 550, 550, 550}));
-    EXPECT_EQ(Count(LogText(), "\r\nRetrying to connect to ECU"), 2u);
+    EXPECT_EQ(Occurrences(LogText(), "\r\nRetrying to connect to ECU"), 2u);
     EXPECT_EQ(dv::IsoLinkState().repeats, 2u);
     EXPECT_FALSE(Fake().portOpen);
 }
@@ -811,7 +803,7 @@ TEST_F(KwpConnectionTest, FailedFastRestartLeavesThePortOpen) {
     EXPECT_TRUE(Fake().portOpen);
     EXPECT_EQ(dv::IsoLinkState().restarts, 0u);
     EXPECT_EQ(dv::IsoLinkState().connected, 1u);
-    EXPECT_EQ(Count(LogText(), "\r\nRetrying to connect to ECU"), 2u);
+    EXPECT_EQ(Occurrences(LogText(), "\r\nRetrying to connect to ECU"), 2u);
     // The reconnect line, then one callback a section: the retry pauses end the sections.
     EXPECT_EQ(LogCalls().size(), 1u + 3u);
 }
@@ -934,7 +926,7 @@ TEST_F(KwpConnectionTest, FailedSlowRestartRetriesWithPausesAndKeepsThePortOpen)
     Connected(0);
     EXPECT_EQ(dv::IsoRestartCommunication(), 8u);
     EXPECT_EQ(Sleeps(), (std::vector<uint32_t>{2945, 2700, 2700, 2700}));
-    EXPECT_EQ(Count(LogText(), "\r\nRetrying to connect to ECU"), 2u);
+    EXPECT_EQ(Occurrences(LogText(), "\r\nRetrying to connect to ECU"), 2u);
     EXPECT_TRUE(Fake().portOpen);
     EXPECT_EQ(dv::IsoLinkState().restarts, 0u);
 }
@@ -1093,8 +1085,8 @@ TEST_F(KwpConnectionBenchTest, SimulatedLinkSessionNeedsNoLine) {
 TEST_F(KwpConnectionBenchTest, Obd2KeyBytesAreRetriedWith3000msPauses) {
     Install([](Kwp2000Profile &p) { p.faults.keyBytes = std::array<uint8_t, 2>{0x94, 0x94}; });
     EXPECT_EQ(DvIsoStartCommunication(Port(), 0, 0x01, nullptr), 10u);
-    EXPECT_EQ(Count(LogText(), "\r\nOBD2 is not supported yet"), 3u);
-    EXPECT_EQ(Count(LogText(), "\r\n\r\nRetrying to connect to ECU\r\n\r\n"), 2u);
+    EXPECT_EQ(Occurrences(LogText(), "\r\nOBD2 is not supported yet"), 3u);
+    EXPECT_EQ(Occurrences(LogText(), "\r\n\r\nRetrying to connect to ECU\r\n\r\n"), 2u);
     EXPECT_EQ(Sleeps(), (std::vector<uint32_t>{50, 3000, 3000, 3000}));
     EXPECT_EQ(BenchTraceOf(TraceKind::Close).size(), 1u);
 }
@@ -1102,19 +1094,19 @@ TEST_F(KwpConnectionBenchTest, Obd2KeyBytesAreRetriedWith3000msPauses) {
 TEST_F(KwpConnectionBenchTest, BadKeyByte1Gives10) {
     Install([](Kwp2000Profile &p) { p.faults.keyBytes = std::array<uint8_t, 2>{0xCF, 0x8F}; });
     EXPECT_EQ(DvIsoStartCommunication(Port(), 0, 0x01, nullptr), 10u);
-    EXPECT_EQ(Count(LogText(), "\r\nBad Key Byte 1 : 'CF'"), 3u);
+    EXPECT_EQ(Occurrences(LogText(), "\r\nBad Key Byte 1 : 'CF'"), 3u);
 }
 
 TEST_F(KwpConnectionBenchTest, BadSyncByteGives9) {
     Install([](Kwp2000Profile &p) { p.faults.syncByte = 0x54; });
     EXPECT_EQ(DvIsoStartCommunication(Port(), 0, 0x01, nullptr), 9u);
-    EXPECT_EQ(Count(LogText(), "\r\nBad Baud Rate Synch Byte: '54' vs '55'"), 3u);
+    EXPECT_EQ(Occurrences(LogText(), "\r\nBad Baud Rate Synch Byte: '54' vs '55'"), 3u);
 }
 
 TEST_F(KwpConnectionBenchTest, WrongInvertedAddressGives12) {
     Install([](Kwp2000Profile &p) { p.faults.wrongInvertedAddress = true; });
     EXPECT_EQ(DvIsoStartCommunication(Port(), 0, 0x01, nullptr), 12u);
-    EXPECT_EQ(Count(LogText(), "\r\nBad ECU address echo : 'FF' vs 'FE'"), 3u);
+    EXPECT_EQ(Occurrences(LogText(), "\r\nBad ECU address echo : 'FF' vs 'FE'"), 3u);
     EXPECT_EQ(Sleeps(), (std::vector<uint32_t>{50, 3000, 3000, 3000}));
 }
 

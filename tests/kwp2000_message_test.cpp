@@ -16,14 +16,6 @@ namespace {
 using namespace dvtest;
 using dv::bench::FakeEvent;
 
-size_t Count3(const std::string &text, const std::string &part) {
-    size_t n = 0;
-    for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1)) {
-        ++n;
-    }
-    return n;
-}
-
 class KwpMessageTest : public ::testing::Test {
 protected:
     FakeKwpEcu ecu;
@@ -653,7 +645,7 @@ TEST_F(KwpMessageBenchTest, SilentEcuGives8AfterThreeRequests) {
     Bytes answer;
     EXPECT_EQ(Exchange({0x3E}, &answer), 8u);
     EXPECT_EQ(TesterBytes(), "81 10 F1 3E C0 81 10 F1 3E C0 81 10 F1 3E C0");
-    EXPECT_EQ(Count3(LogText(), "\r\nNo ECU data"), 3u);
+    EXPECT_EQ(Occurrences(LogText(), "\r\nNo ECU data"), 3u);
     EXPECT_EQ(dv::IsoLinkState().repeats, 2u);
 }
 
@@ -667,7 +659,7 @@ TEST_F(KwpMessageBenchTest, ResponsePendingAnswersAreSkipped) {
     EXPECT_EQ(Exchange({0x21, 0x01}, &answer), 0u);
     EXPECT_EQ(answer.size(), 14u);
     EXPECT_EQ(Hex(Bytes(answer.begin(), answer.begin() + 2)), "61 01");
-    EXPECT_EQ(Count3(LogText(), "\r\nExtending message timeout"), 2u);
+    EXPECT_EQ(Occurrences(LogText(), "\r\nExtending message timeout"), 2u);
     EXPECT_EQ(dv::IsoLinkState().repeats, 0u);
 }
 

@@ -48,4 +48,12 @@ uint32_t ConstructLibrary(uint32_t level) {
     return code;
 }
 
+size_t Occurrences(const std::string &text, const std::string &part) {
+    size_t n = 0;
+    for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1)) {
+        ++n;
+    }
+    return n;
+}
+
 } // namespace dvtest
